@@ -1,0 +1,152 @@
+// SCP client: copies files, in-memory data and directory trees to and from
+// a remote host over a connected ClsSsh, running the remote scp program on
+// a fresh session channel for every transfer.
+#pragma once
+
+#include <cstdint>
+
+#include "base/ClsBase.h"
+#include "base/StringBuffer.h"
+#include "base/XString.h"
+
+namespace scpkit {
+
+class ClsSsh;
+class ClsBinData;
+class DataBuffer;
+class ExtPtrArraySb;
+class OutputDataBuffer;
+class ProgressEvent;
+class ScpFileInfo;
+class SocketParams;
+class StringHashMap;
+class _vqDataSource;
+class _vqFileDataSource;
+class _vqOutput;
+
+class ClsScp : public ClsBase {
+public:
+    // Null on allocation failure.
+    static ClsScp* createNewCls();
+    ClsScp();
+    ~ClsScp() override;
+
+    // Binds a connected SSH object (one reference held while bound).
+    bool UseSsh(ClsSsh& ssh);
+
+    // ---- properties ----
+    // A JSON object of environment variables set on each channel.
+    void get_SendEnv(XString& out);
+    void put_SendEnv(XString& value);
+    // Octal permissions forced on uploads ("" for none; invalid text is dropped).
+    void get_UnixPermOverride(XString& out);
+    void put_UnixPermOverride(XString& value);
+    // Relative paths copied by the last tree synchronisation, one per line.
+    void get_SyncedFiles(XString& out);
+    void put_SyncedFiles(XString& value);
+    // Wildcard lists separated by ';' (file names / directory names).
+    void get_SyncMustMatch(XString& out);
+    void put_SyncMustMatch(XString& value);
+    void get_SyncMustNotMatch(XString& out);
+    void put_SyncMustNotMatch(XString& value);
+    void get_SyncMustMatchDir(XString& out);
+    void put_SyncMustMatchDir(XString& value);
+    void get_SyncMustNotMatchDir(XString& out);
+    void put_SyncMustNotMatchDir(XString& value);
+
+    // ---- single transfers ----
+    // remoteFilePath is shortened in place to its directory part ("." for a bare name).
+    bool UploadFile(XString& localFilePath, XString& remoteFilePath,
+                    ProgressEvent* progress = nullptr);
+    bool DownloadFile(XString& remotePath, XString& localPath, ProgressEvent* progress = nullptr);
+    bool UploadString(XString& remotePath, XString& text, XString& charset,
+                      ProgressEvent* progress = nullptr);
+    bool UploadBinary(XString& remotePath, DataBuffer& bytes, ProgressEvent* progress = nullptr);
+    bool UploadBinaryEncoded(XString& remotePath, XString& encodedBytes, XString& encoding,
+                             ProgressEvent* progress = nullptr);
+    bool UploadBd(XString& remotePath, ClsBinData& bd, ProgressEvent* progress = nullptr);
+    bool DownloadString(XString& remotePath, XString& charset, XString& outStr,
+                        ProgressEvent* progress = nullptr);
+    bool DownloadBinary(XString& remotePath, DataBuffer& outBytes,
+                        ProgressEvent* progress = nullptr);
+    bool DownloadBinaryEncoded(XString& remotePath, XString& encoding, XString& outStr,
+                               ProgressEvent* progress = nullptr);
+    bool DownloadBd(XString& remotePath, ClsBinData& bd, ProgressEvent* progress = nullptr);
+
+    // ---- tree synchronisation ----
+    bool SyncTreeUpload(XString& localDirRoot, XString& remoteDirRoot, int mode, bool recurse,
+                        ProgressEvent* progress = nullptr);
+    bool SyncTreeDownload(XString& remoteDirRoot, XString& localDirRoot, int mode, bool recurse,
+                          ProgressEvent* progress = nullptr);
+
+private:
+    friend class ClsScpTestAccess;  // white-box tests of the protocol steps
+
+    // command channel
+    bool setEnvironmentVars(int channel, SocketParams& sp, LogBase& log);
+
+    // protocol records and acknowledgements
+    bool readScpResponse(unsigned channel, StringBuffer& line, SocketParams& sp, LogBase& log);
+    bool waitForGo(DataBuffer& buf, OutputDataBuffer& out, unsigned channel, SocketParams& sp,
+                   LogBase& log);
+
+    // sending side
+    bool openLocalFile(XString& localPath, const char* name, _vqFileDataSource& source,
+                       ScpFileInfo& info, LogBase& log);
+    bool sendFile(int channel, _vqDataSource& source, bool unused, ScpFileInfo& info,
+                  SocketParams& sp, LogBase& log);
+    bool sendFileTimes(int channel, ScpFileInfo& info, SocketParams& sp, LogBase& log);
+    bool sendFileInfo(int channel, ScpFileInfo& info, SocketParams& sp, LogBase& log);
+    bool sendDirInfo(int channel, int permissions, XString& dirName, SocketParams& sp,
+                     LogBase& log);
+    bool sendScpData(int channel, DataBuffer& data, SocketParams& sp, LogBase& log);
+
+    // receiving side
+    bool receiveFileInfo(unsigned channel, ScpFileInfo& info, SocketParams& sp, LogBase& log);
+    bool receiveFile(unsigned channel, _vqOutput& out, bool resetProgress, ScpFileInfo& info,
+                     SocketParams& sp, LogBase& log);
+    bool receiveFileData(unsigned channel, _vqOutput& out, ScpFileInfo& info, SocketParams& sp,
+                         LogBase& log);
+    bool streamScpDataToFile(unsigned channel, XString& localPath, ScpFileInfo& info,
+                             SocketParams& sp, LogBase& log);
+    bool abortRemainder(unsigned channel, SocketParams& sp, LogBase& log);
+
+    // in-memory workers
+    bool uploadData(XString& remoteFilePath, DataBuffer& data, ProgressEvent* progress);
+    bool downloadData(XString& remotePath, DataBuffer& out, ProgressEvent* progress);
+
+    // selection rules
+    bool needToDownload(int mode, XString& localRoot, ScpFileInfo& remote, XString& localPath,
+                        LogBase& log);
+    bool needToUpload(int mode, XString& localFilePath, XString& localRoot,
+                      StringHashMap* remoteFiles, LogBase& log);
+    bool skipFromMustMatch(XString& name, ExtPtrArraySb& mustMatch, ExtPtrArraySb& mustNotMatch,
+                           LogBase& log);
+
+    // tree traversals
+    bool doRemoteTraverse(bool bComputeMode, XString& remoteDir, XString& localDir, int mode,
+                          bool recurse, StringHashMap* remoteFiles, SocketParams& sp,
+                          LogBase& log);
+    bool consumeRecursiveResponse(bool bComputeMode, unsigned channel, int mode, bool recurse,
+                                  XString& localDir, int64_t& totalByteCount,
+                                  unsigned& totalNumDirs, StringHashMap* remoteFiles,
+                                  SocketParams& sp, LogBase& log);
+    bool doLocalTraverse(bool computeOnly, unsigned channel, XString& localRoot,
+                         XString& remoteRoot, int mode, bool recurse, StringHashMap* remoteFiles,
+                         SocketParams& sp, LogBase& log);
+    bool recursiveUpload(XString& localRoot, XString& remoteRoot, int mode, bool recurse,
+                         StringHashMap* remoteFiles, SocketParams& sp, LogBase& log);
+
+    XString sendEnv;
+    XString syncMustMatch;
+    XString syncMustNotMatch;
+    XString syncMustMatchDir;
+    XString syncMustNotMatchDir;
+    StringBuffer syncedFiles;
+    StringBuffer unixPermOverride;
+    bool useOverride = false;
+    uint32_t overridePerms = 0644;
+    ClsSsh* ssh = nullptr;
+};
+
+}  // namespace scpkit

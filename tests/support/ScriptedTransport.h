@@ -1,0 +1,99 @@
+// A programmable SSH peer for tests: plays exact bytes on each channel and
+// records everything the client sent, for error paths a real server will
+// not take on demand.
+//
+//   auto t = std::make_shared<ScriptedTransport>();
+//   t->peer(0).send(std::string(1, '\0'))   // remote scp's ready byte
+//             .awaitBytes(1)                // until the client wrote 1 more byte
+//             .send("C0644 3 a\n").eof().close();
+//   ssh.useTransport(t);
+//   ... run a transfer ...
+//   EXPECT_EQ(t->peer(0).written, expectedBytes);
+#pragma once
+
+#include <cstddef>
+#include <deque>
+#include <mutex>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "ssh/SshTransport.h"
+
+namespace scpkit::test {
+
+class ScriptedPeer {
+public:
+    // ---- the script, played in order ----
+    ScriptedPeer& send(const std::string& bytes);        // data stream
+    ScriptedPeer& sendStderr(const std::string& text);   // error stream
+    ScriptedPeer& awaitBytes(size_t numBytes);           // pause until the client wrote that many more bytes
+    ScriptedPeer& awaitWrites(size_t numWrites);         // pause until that many more write calls
+    ScriptedPeer& eof();                                 // the peer's EOF
+    ScriptedPeer& close();                               // the peer's CLOSE
+    ScriptedPeer& closeOnClientClose();                  // CLOSE as soon as the client sends CLOSE
+    ScriptedPeer& refuseEnv(const std::string& name);
+    ScriptedPeer& refuseExec();
+
+    // ---- what the client did ----
+    std::string written;                       // every data byte, in order
+    std::vector<std::string> writes;           // one entry per write call
+    std::string execCommand;
+    std::vector<std::pair<std::string, std::string>> envRequests;  // accepted and refused
+    bool clientSentEof = false;
+    bool clientSentClose = false;
+
+private:
+    friend class ScriptedTransport;
+    struct Step {
+        enum Kind { Data, Stderr, AwaitBytes, AwaitWrites, Eof, Close } kind;
+        std::string bytes;
+        size_t count = 0;
+    };
+    void advance();  // releases steps whose wait is over
+
+    std::deque<Step> m_steps;
+    std::string m_readable;  // released, not yet read
+    std::string m_stderr;
+    size_t m_awaitTarget = 0;
+    bool m_awaitingBytes = false;
+    bool m_awaitingWrites = false;
+    bool m_eof = false;
+    bool m_close = false;
+    bool m_closeOnClientClose = false;
+    bool m_execRefused = false;
+    std::set<std::string> m_refusedEnv;
+};
+
+class ScriptedTransport : public SshTransport {
+public:
+    // Script of the index-th channel the client opens (0, 1, ...).
+    ScriptedPeer& peer(int index);
+    int channelsOpened() const { return m_opened; }
+    bool failOpen = false;  // openChannel fails
+    bool connected = true;
+
+    bool isConnected() override { return connected; }
+    void describeServer(LogBase& log) override;
+    int openChannel(LogBase& log) override;
+    bool setEnv(int ch, const char* name, const char* value, LogBase& log) override;
+    bool exec(int ch, const char* command, LogBase& log) override;
+    long write(int ch, const unsigned char* data, size_t numBytes, int timeoutMs,
+               LogBase& log) override;
+    // With nothing to read it waits out the timeout (keep stall timeouts short in tests).
+    long read(int ch, unsigned char* buf, size_t cap, DataBuffer& stderrOut, int timeoutMs,
+              LogBase& log) override;
+    bool sendEof(int ch, LogBase& log) override;
+    bool sendClose(int ch, LogBase& log) override;
+    bool receivedEof(int ch) override;
+    bool receivedClose(int ch) override;
+    void releaseChannel(int ch) override;
+
+private:
+    std::mutex m_mutex;
+    std::deque<ScriptedPeer> m_peers;  // stable addresses
+    int m_opened = 0;
+};
+
+}  // namespace scpkit::test
