@@ -34,9 +34,9 @@ bool ClsScp::UploadFile(XString& localFilePath, XString& remoteFilePath, Progres
     log.LogDataX("localFilePath", localFilePath);
     log.LogDataX("remoteFilePath", remoteFilePath);
     if (remoteFilePath.getUtf8Sb().containsChar('\\')) {
-        log.LogError(
-            "Warning: Remote directory paths should typically use forward slash characters and "
-            "not backslashes.");
+        // clang-format off
+        log.LogError("Warning: Remote directory paths should typically use forward slash characters and not backslashes.");
+        // clang-format on
     }
 
     XString remoteFilename;
