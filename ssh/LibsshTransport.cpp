@@ -373,9 +373,17 @@ long LibsshTransport::read(int ch, unsigned char* buf, size_t cap, DataBuffer& s
         return 0;
     }
     uint32_t want = static_cast<uint32_t>(std::min<size_t>(cap, UINT32_MAX));
-    int n = want == 0 ? 0 : ssh_channel_read_timeout(c->handle, buf, want, 0, timeoutMs < 0 ? -1 : timeoutMs);
+    int n = want == 0 ? 0
+                      : ssh_channel_read_timeout(c->handle, buf, want, 0,
+                                                 timeoutMs < 0 ? -1 : timeoutMs);
+    if (n == SSH_AGAIN) n = 0;
+    if (n == 0 && c->peer.eof && !c->peer.close) {
+        // After the peer's EOF libssh's read returns at once without
+        // touching the socket, so the CLOSE (and late error-stream bytes)
+        // would never be taken in: wait for them here.
+        if (!pumpSession(timeoutMs < 0 ? 1000 : timeoutMs, log)) return -1;
+    }
     drainStderr(c->handle, stderrOut);
-    if (n == SSH_AGAIN) return 0;
     if (n < 0) {
         logSessionError("Failed to read from the channel.", log);
         return -1;

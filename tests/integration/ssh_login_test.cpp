@@ -50,7 +50,7 @@ std::string remoteWhoami(ClsSsh& ssh) {
     SshReadParams rp;
     if (!ssh.sendReqExec(ch, cmd, sp, log) ||
         !ssh.channelReceiveUntilCondition(ch, 1, rp, sp, log))
-        return "<failed>";
+        return "<failed> " + rendered(log);
     DataBuffer out;
     ssh.getReceivedData(ch, out, log);
     std::string s(reinterpret_cast<const char*>(out.getData2()), out.getSize());
@@ -79,9 +79,10 @@ const KeySet& keys(const SshdFixture& sshd) {
                             &out),
                       0)
                 << out;
-            if (authorize)
+            if (authorize) {
                 EXPECT_EQ(shell("cat " + path + ".pub >> " + sshd.tempDir() + "/authorized_keys"),
                           0);
+            }
             return path;
         };
         set.opensshPlain = sshd.clientKeyPath();
@@ -163,7 +164,9 @@ TEST(SshLogin, Password) {
         EXPECT_EQ(ssh.LoginWithPassword(user, pw), c.ok);
         std::string log = lastErrorText(ssh);
         EXPECT_NE(log.find(c.expected), std::string::npos) << log;
-        if (c.ok) EXPECT_EQ(remoteWhoami(ssh), sshd.passwordUser());
+        if (c.ok) {
+            EXPECT_EQ(remoteWhoami(ssh), sshd.passwordUser());
+        }
     }
 }
 
@@ -269,7 +272,9 @@ TEST(SshLogin, AgentAndAutomaticOrder) {
         EXPECT_NE(log.find(c.method == Agent ? "LoginWithAgent:" : "LoginAuto:"),
                   std::string::npos);
         EXPECT_NE(log.find(c.expected), std::string::npos) << log;
-        if (ok) EXPECT_EQ(remoteWhoami(ssh), sshd.user());
+        if (ok) {
+            EXPECT_EQ(remoteWhoami(ssh), sshd.user());
+        }
     }
 }
 
