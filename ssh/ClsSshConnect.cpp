@@ -48,7 +48,9 @@ std::string expandHome(const std::string& path) {
     return path;
 }
 
-bool isPolicy(const std::string& p) { return p == "yes" || p == "accept-new" || p == "no"; }
+bool isPolicy(const std::string& p) {
+    return p == "yes" || p == "accept-new" || p == "no";
+}
 
 void logHostKey(const std::string& knownHosts, const std::string& fingerprint,
                 const std::string& keyType, LogBase& log) {
@@ -260,10 +262,9 @@ bool ClsSsh::LoginWithAgent(XString& user) {
     CritSecExitor cs(m_critSec);
     LogContextExitor ctx(*this, "LoginWithAgent");
     std::lock_guard<std::recursive_mutex> lock(m_ioMutex);
-    bool ok = login(m_transport, m_configUser, user, m_log,
-                    [&](LibsshTransport& t, const std::string& name) {
-                        return t.authAgent(name, m_log);
-                    });
+    bool ok = login(
+        m_transport, m_configUser, user, m_log,
+        [&](LibsshTransport& t, const std::string& name) { return t.authAgent(name, m_log); });
     logSuccessFailure(ok);
     return ok;
 }
@@ -272,10 +273,9 @@ bool ClsSsh::LoginAuto(XString& user) {
     CritSecExitor cs(m_critSec);
     LogContextExitor ctx(*this, "LoginAuto");
     std::lock_guard<std::recursive_mutex> lock(m_ioMutex);
-    bool ok = login(m_transport, m_configUser, user, m_log,
-                    [&](LibsshTransport& t, const std::string& name) {
-                        return t.authAuto(name, m_log);
-                    });
+    bool ok =
+        login(m_transport, m_configUser, user, m_log,
+              [&](LibsshTransport& t, const std::string& name) { return t.authAuto(name, m_log); });
     logSuccessFailure(ok);
     return ok;
 }

@@ -134,11 +134,10 @@ AuthOutcome LibsshTransport::authKeyFile(const std::string& user, const std::str
     if (!isConnected() || !setUser(m_session, user, log)) return AuthOutcome::Error;
     ssh_key key = nullptr;
     bool wanted = false;
-    int rc = passphrase.empty()
-                 ? ssh_pki_import_privkey_file(path.c_str(), nullptr, passphraseWanted, &wanted,
-                                               &key)
-                 : ssh_pki_import_privkey_file(path.c_str(), passphrase.c_str(), nullptr,
-                                               nullptr, &key);
+    int rc =
+        passphrase.empty()
+            ? ssh_pki_import_privkey_file(path.c_str(), nullptr, passphraseWanted, &wanted, &key)
+            : ssh_pki_import_privkey_file(path.c_str(), passphrase.c_str(), nullptr, nullptr, &key);
     if (rc != SSH_OK || !key) {
         if (rc == SSH_EOF)
             log.LogError("The private key file cannot be read.");
@@ -173,8 +172,8 @@ AuthOutcome LibsshTransport::authAgent(const std::string& user, LogBase& log) {
 AuthOutcome LibsshTransport::authAuto(const std::string& user, LogBase& log) {
     if (!isConnected() || !setUser(m_session, user, log)) return AuthOutcome::Error;
     int rc = ssh_userauth_publickey_auto(m_session, nullptr, nullptr);
-    return authResult(rc, "The server accepted none of the agent's keys and none of the default keys.",
-                      log);
+    return authResult(
+        rc, "The server accepted none of the agent's keys and none of the default keys.", log);
 }
 
 }  // namespace scpkit

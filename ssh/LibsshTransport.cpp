@@ -85,7 +85,9 @@ struct LibsshTransport::Channel {
 
 LibsshTransport::LibsshTransport() = default;
 
-LibsshTransport::~LibsshTransport() { disconnect(); }
+LibsshTransport::~LibsshTransport() {
+    disconnect();
+}
 
 std::string LibsshTransport::userHomeDir() {
     const char* home = getenv("HOME");
@@ -93,8 +95,7 @@ std::string LibsshTransport::userHomeDir() {
     std::vector<char> buf(16384);
     struct passwd pw;
     struct passwd* found = nullptr;
-    if (getpwuid_r(geteuid(), &pw, buf.data(), buf.size(), &found) == 0 && found &&
-        found->pw_dir)
+    if (getpwuid_r(geteuid(), &pw, buf.data(), buf.size(), &found) == 0 && found && found->pw_dir)
         return found->pw_dir;
     return "";
 }
@@ -103,8 +104,7 @@ std::string LibsshTransport::localUserName() {
     std::vector<char> buf(16384);
     struct passwd pw;
     struct passwd* found = nullptr;
-    if (getpwuid_r(geteuid(), &pw, buf.data(), buf.size(), &found) == 0 && found &&
-        found->pw_name)
+    if (getpwuid_r(geteuid(), &pw, buf.data(), buf.size(), &found) == 0 && found && found->pw_name)
         return found->pw_name;
     const char* user = getenv("USER");
     return user ? user : "";
@@ -152,7 +152,8 @@ bool LibsshTransport::connect(const LibsshConnectSettings& settings, LogBase& lo
     if (!setOption(SSH_OPTIONS_PROCESS_CONFIG, &off, "ProcessConfig") ||
         !setOption(SSH_OPTIONS_HOST, settings.host.c_str(), "Host"))
         return false;
-    if (!settings.sshDir.empty() && !setOption(SSH_OPTIONS_SSH_DIR, settings.sshDir.c_str(), "SshDir"))
+    if (!settings.sshDir.empty() &&
+        !setOption(SSH_OPTIONS_SSH_DIR, settings.sshDir.c_str(), "SshDir"))
         return false;
     // The fast default goes first so that a Ciphers line of the config wins over it.
     if (!setOption(SSH_OPTIONS_CIPHERS_C_S, kDefaultCiphers, "Ciphers") ||
@@ -373,9 +374,9 @@ long LibsshTransport::read(int ch, unsigned char* buf, size_t cap, DataBuffer& s
         return 0;
     }
     uint32_t want = static_cast<uint32_t>(std::min<size_t>(cap, UINT32_MAX));
-    int n = want == 0 ? 0
-                      : ssh_channel_read_timeout(c->handle, buf, want, 0,
-                                                 timeoutMs < 0 ? -1 : timeoutMs);
+    int n = want == 0
+                ? 0
+                : ssh_channel_read_timeout(c->handle, buf, want, 0, timeoutMs < 0 ? -1 : timeoutMs);
     if (n == SSH_AGAIN) n = 0;
     if (n == 0 && c->peer.eof && !c->peer.close) {
         // After the peer's EOF libssh's read returns at once without

@@ -30,7 +30,7 @@ enum class KnownHostState { Known, Unknown, Changed, OtherKeyType, Error };
 enum class AuthOutcome { Success, Denied, Partial, Error };
 
 class LibsshTransport : public SshTransport {
-public:
+  public:
     // The cipher preference used when none is given: AES-GCM is the fastest
     // on CPUs with AES instructions.
     static const char* const kDefaultCiphers;
@@ -85,7 +85,7 @@ public:
     bool receivedClose(int ch) override;
     void releaseChannel(int ch) override;
 
-private:
+  private:
     struct Channel;
     Channel* find(int ch, LogBase* log);
     // Processes incoming packets for at most timeoutMs (window adjustments,

@@ -17,13 +17,15 @@
 namespace scpkit::test {
 namespace {
 
-#define REQUIRE_SESSION(sshd, ssh)                                        \
-    SshdFixture& sshd = SshdFixture::shared();                            \
-    if (!sshd.ok()) GTEST_SKIP() << "no test sshd: " << sshd.error();     \
-    ClsSsh ssh;                                                           \
+#define REQUIRE_SESSION(sshd, ssh)                                    \
+    SshdFixture& sshd = SshdFixture::shared();                        \
+    if (!sshd.ok()) GTEST_SKIP() << "no test sshd: " << sshd.error(); \
+    ClsSsh ssh;                                                       \
     ASSERT_TRUE(sshd.connectAndLogin(ssh)) << lastErrorText(ssh)
 
-unsigned char patternByte(size_t i) { return static_cast<unsigned char>((i * 7 + i / 251) & 0xff); }
+unsigned char patternByte(size_t i) {
+    return static_cast<unsigned char>((i * 7 + i / 251) & 0xff);
+}
 
 std::string pattern(size_t n) {
     std::string s(n, '\0');
@@ -33,10 +35,9 @@ std::string pattern(size_t n) {
 
 // Produces the pattern without holding it, in whatever chunk size is asked.
 class PatternSource : public _vqDataSource {
-public:
+  public:
     explicit PatternSource(size_t total) : m_total(total) {}
-    bool readSourceChunk(unsigned char* buf, size_t maxBytes, size_t& numRead,
-                         LogBase&) override {
+    bool readSourceChunk(unsigned char* buf, size_t maxBytes, size_t& numRead, LogBase&) override {
         numRead = std::min(maxBytes, m_total - m_pos);
         for (size_t i = 0; i < numRead; ++i) buf[i] = patternByte(m_pos + i);
         m_pos += numRead;
@@ -44,17 +45,17 @@ public:
     }
     size_t consumed() const { return m_pos; }
 
-private:
+  private:
     size_t m_total;
     size_t m_pos = 0;
 };
 
 class CountingOutput : public _vqOutput {
-public:
+  public:
     void resetOutput(LogBase&) override { count = 0; }
     size_t count = 0;
 
-protected:
+  protected:
     bool writeImpl(const unsigned char*, size_t numBytes, LogBase&) override {
         count += numBytes;
         return true;
@@ -62,13 +63,13 @@ protected:
 };
 
 class AbortAtPercent : public ProgressEvent {
-public:
+  public:
     explicit AbortAtPercent(int percent) : m_percent(percent) {}
     void OnPercent(int percent, bool& abort) override {
         if (percent >= m_percent) abort = true;
     }
 
-private:
+  private:
     int m_percent;
 };
 
@@ -89,8 +90,8 @@ TEST(SshChannel, ExecKeepsTheErrorStreamApartAndReportsEofAndClose) {
     _vqLogger log;
     SocketParams sp(nullptr);
     // The command waits for a line from us, so nothing can have arrived early.
-    int ch = run(ssh, "read -r line; printf 'out:%s' \"$line\"; printf 'err:%s' \"$line\" >&2",
-                 sp, log);
+    int ch =
+        run(ssh, "read -r line; printf 'out:%s' \"$line\"; printf 'err:%s' \"$line\" >&2", sp, log);
     ASSERT_GE(ch, 0) << rendered(log);
     EXPECT_FALSE(ssh.channelReceivedEof(ch, log));
     EXPECT_FALSE(ssh.channelReceivedClose(ch, log));
@@ -161,8 +162,8 @@ TEST(SshChannel, BulkDataBothWays) {
     _vqLogger log;
     SocketParams sp(nullptr);
 
-    int up = run(ssh, "head -c " + std::to_string(n) + " > " + dir + "/up && printf stored", sp,
-                 log);
+    int up =
+        run(ssh, "head -c " + std::to_string(n) + " > " + dir + "/up && printf stored", sp, log);
     ASSERT_GE(up, 0) << rendered(log);
     PatternSource source(n);
     ASSERT_TRUE(ssh.channelSendNFromSource(up, source, static_cast<long long>(n), sp, log))
@@ -249,9 +250,9 @@ TEST(SshChannel, ApplicationAbortStopsBulkTransfers) {
         ProgressMonitorPtr pm(&abortAt, 0, 100, total);
         SocketParams sp(pm.getPm());
         _vqLogger log;
-        int ch = run(ssh, upload ? "cat > /dev/null" : "head -c " + std::to_string(total) +
-                                                          " /dev/zero",
-                     sp, log);
+        int ch =
+            run(ssh, upload ? "cat > /dev/null" : "head -c " + std::to_string(total) + " /dev/zero",
+                sp, log);
         ASSERT_GE(ch, 0) << rendered(log);
         if (upload) {
             PatternSource source(static_cast<size_t>(total));

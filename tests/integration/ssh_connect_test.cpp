@@ -15,8 +15,8 @@
 namespace scpkit::test {
 namespace {
 
-#define REQUIRE_SSHD(sshd)                                        \
-    SshdFixture& sshd = SshdFixture::shared();                    \
+#define REQUIRE_SSHD(sshd)                     \
+    SshdFixture& sshd = SshdFixture::shared(); \
     if (!sshd.ok()) GTEST_SKIP() << "no test sshd: " << sshd.error()
 
 bool connect(ClsSsh& ssh, const std::string& host, int port, const std::string& knownHosts,
@@ -159,7 +159,7 @@ TEST(SshConnect, PolicyAndTimeoutProperties) {
 // A port that accepts TCP connections (the kernel completes them for the
 // backlog) but never says anything.
 class SilentListener {
-public:
+  public:
     SilentListener() {
         m_fd = socket(AF_INET, SOCK_STREAM, 0);
         sockaddr_in addr{};
@@ -176,7 +176,7 @@ public:
     }
     int port() const { return m_port; }
 
-private:
+  private:
     int m_fd = -1;
     int m_port = 0;
 };
@@ -244,11 +244,17 @@ TEST(SshConnect, SshConfigSuppliesHostPortUserAndKey) {
     REQUIRE_SSHD(sshd);
     std::string home = sshd.makeScratchDir("home");
     ASSERT_EQ(shell("mkdir -p " + home + "/.ssh"), 0);
-    writeWholeFile(home + "/.ssh/config", "Host scpkit-alias\n"
-                                          "    HostName 127.0.0.1\n"
-                                          "    Port " + std::to_string(sshd.port()) + "\n"
-                                          "    User " + sshd.user() + "\n"
-                                          "    IdentityFile " + sshd.clientKeyPath() + "\n");
+    writeWholeFile(home + "/.ssh/config",
+                   "Host scpkit-alias\n"
+                   "    HostName 127.0.0.1\n"
+                   "    Port " +
+                       std::to_string(sshd.port()) +
+                       "\n"
+                       "    User " +
+                       sshd.user() +
+                       "\n"
+                       "    IdentityFile " +
+                       sshd.clientKeyPath() + "\n");
     ScopedEnv homeEnv("HOME", home);
     ScopedEnv noAgent("SSH_AUTH_SOCK", std::nullopt);
 
@@ -279,15 +285,16 @@ TEST(SshConnect, SshConfigUserIsUsedWhenLoginNamesNone) {
     if (sshd.passwordUser().empty()) GTEST_SKIP() << "needs the password user (root)";
     std::string home = sshd.makeScratchDir("home");
     ASSERT_EQ(shell("mkdir -p " + home + "/.ssh"), 0);
-    writeWholeFile(home + "/.ssh/config", "Host pw-alias\n"
-                                          "    HostName 127.0.0.1\n"
-                                          "    User " + sshd.passwordUser() + "\n");
+    writeWholeFile(home + "/.ssh/config",
+                   "Host pw-alias\n"
+                   "    HostName 127.0.0.1\n"
+                   "    User " +
+                       sshd.passwordUser() + "\n");
     ScopedEnv homeEnv("HOME", home);
 
     ClsSsh ssh;
     ssh.put_UseSshConfig(true);
-    ASSERT_TRUE(connect(ssh, "pw-alias", sshd.port(), sshd.knownHostsPath()))
-        << lastErrorText(ssh);
+    ASSERT_TRUE(connect(ssh, "pw-alias", sshd.port(), sshd.knownHostsPath())) << lastErrorText(ssh);
     XString user;
     ssh.get_ConfigUser(user);
     EXPECT_EQ(std::string(user.getUtf8()), sshd.passwordUser());

@@ -27,8 +27,8 @@ extern char** environ;
 namespace scpkit::test {
 namespace {
 
-#define REQUIRE_SSHD(sshd)                                        \
-    SshdFixture& sshd = SshdFixture::shared();                    \
+#define REQUIRE_SSHD(sshd)                     \
+    SshdFixture& sshd = SshdFixture::shared(); \
     if (!sshd.ok()) GTEST_SKIP() << "no test sshd: " << sshd.error()
 
 bool connectOnly(ClsSsh& ssh, const SshdFixture& sshd) {
@@ -48,8 +48,7 @@ std::string remoteWhoami(ClsSsh& ssh) {
     if (ch < 0) return "<no channel>";
     XString cmd("id -un");
     SshReadParams rp;
-    if (!ssh.sendReqExec(ch, cmd, sp, log) ||
-        !ssh.channelReceiveUntilCondition(ch, 1, rp, sp, log))
+    if (!ssh.sendReqExec(ch, cmd, sp, log) || !ssh.channelReceiveUntilCondition(ch, 1, rp, sp, log))
         return "<failed> " + rendered(log);
     DataBuffer out;
     ssh.getReceivedData(ch, out, log);
@@ -74,10 +73,9 @@ const KeySet& keys(const SshdFixture& sshd) {
         auto make = [&](const char* name, const char* args, const char* pass, bool authorize) {
             std::string path = set.dir + "/" + name;
             std::string out;
-            EXPECT_EQ(shell(std::string("ssh-keygen -q ") + args + " -N '" + pass + "' -f " +
-                                path,
-                            &out),
-                      0)
+            EXPECT_EQ(
+                shell(std::string("ssh-keygen -q ") + args + " -N '" + pass + "' -f " + path, &out),
+                0)
                 << out;
             if (authorize) {
                 EXPECT_EQ(shell("cat " + path + ".pub >> " + sshd.tempDir() + "/authorized_keys"),
@@ -186,7 +184,7 @@ TEST(SshLogin, NeedsAConnection) {
 // An ssh-agent on its own socket, started in the foreground so that its
 // PID is ours to stop.
 class TestAgent {
-public:
+  public:
     explicit TestAgent(const std::string& dir) : m_socket(dir + "/agent.sock") {
         std::vector<std::string> args = {"/usr/bin/ssh-agent", "-D", "-a", m_socket};
         std::vector<char*> argv;
@@ -195,8 +193,7 @@ public:
         posix_spawn_file_actions_t actions;
         posix_spawn_file_actions_init(&actions);
         posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
-        if (posix_spawn(&m_pid, argv[0], &actions, nullptr, argv.data(), environ) != 0)
-            m_pid = -1;
+        if (posix_spawn(&m_pid, argv[0], &actions, nullptr, argv.data(), environ) != 0) m_pid = -1;
         posix_spawn_file_actions_destroy(&actions);
         struct stat st;
         for (int i = 0; i < 100 && m_pid > 0 && stat(m_socket.c_str(), &st) != 0; ++i)
@@ -218,7 +215,7 @@ public:
         return ok;
     }
 
-private:
+  private:
     std::string m_socket;
     pid_t m_pid = -1;
 };

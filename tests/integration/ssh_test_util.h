@@ -53,7 +53,7 @@ inline void writeWholeFile(const std::string& path, const std::string& data) {
 
 // Sets (or with nullopt removes) an environment variable until scope exit.
 class ScopedEnv {
-public:
+  public:
     ScopedEnv(const char* name, std::optional<std::string> value) : m_name(name) {
         if (const char* old = getenv(name)) m_old = old;
         if (value)
@@ -70,7 +70,7 @@ public:
     ScopedEnv(const ScopedEnv&) = delete;
     ScopedEnv& operator=(const ScopedEnv&) = delete;
 
-private:
+  private:
     std::string m_name;
     std::optional<std::string> m_old;
 };

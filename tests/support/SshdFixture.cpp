@@ -196,8 +196,8 @@ bool SshdFixture::start(const SshdOptions& options) {
 
     std::string hostKey = m_dir + "/host_ed25519";
     m_clientKey = m_dir + "/client_ed25519";
-    for (const auto& [path, comment] : {std::pair{hostKey, "scpkit-test-host"},
-                                        std::pair{m_clientKey, "scpkit-test-client"}}) {
+    for (const auto& [path, comment] :
+         {std::pair{hostKey, "scpkit-test-host"}, std::pair{m_clientKey, "scpkit-test-client"}}) {
         std::string out;
         if (runProgram({kKeygen, "-q", "-t", "ed25519", "-N", "", "-C", comment, "-f", path},
                        &out) != 0) {
