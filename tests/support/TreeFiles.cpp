@@ -13,7 +13,7 @@
 
 namespace scpkit::test {
 
-ScratchDir::ScratchDir(const std::string& parent) {
+TreeDir::TreeDir(const std::string& parent) {
     std::string templ = parent + "/scpkit-tree-XXXXXX";
     std::vector<char> buf(templ.begin(), templ.end());
     buf.push_back('\0');
@@ -21,7 +21,7 @@ ScratchDir::ScratchDir(const std::string& parent) {
     m_path = buf.data();
 }
 
-ScratchDir::~ScratchDir() {
+TreeDir::~TreeDir() {
     removeTree(m_path);
 }
 

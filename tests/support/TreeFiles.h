@@ -12,12 +12,12 @@ namespace scpkit::test {
 
 // A fresh directory under /tmp (or under `parent`), removed with everything
 // in it when the object goes.
-class ScratchDir {
+class TreeDir {
   public:
-    explicit ScratchDir(const std::string& parent = "/tmp");
-    ~ScratchDir();
-    ScratchDir(const ScratchDir&) = delete;
-    ScratchDir& operator=(const ScratchDir&) = delete;
+    explicit TreeDir(const std::string& parent = "/tmp");
+    ~TreeDir();
+    TreeDir(const TreeDir&) = delete;
+    TreeDir& operator=(const TreeDir&) = delete;
     const std::string& path() const { return m_path; }
     std::string sub(const std::string& rel) const { return m_path + "/" + rel; }
 

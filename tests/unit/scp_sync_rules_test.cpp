@@ -79,7 +79,7 @@ TEST(SyncRulesTest, NeedToDownloadFollowsTheModeTable) {
     for (const ModeRow& row : rows) {
         for (int other = 0; other < kNumOthers; ++other) {
             SCOPED_TRACE("mode " + std::to_string(row.mode) + ", local " + kOtherNames[other]);
-            ScratchDir root;
+            TreeDir root;
             writeLocalForDownload(root.sub("sub/f.txt"), static_cast<Other>(other));
 
             ScpFileInfo remote;
@@ -110,7 +110,7 @@ TEST(SyncRulesTest, NeedToDownloadCreatesDirectoriesOnlyWhenMissingExceptInModeZ
     for (int mode : {0, 1, 3, 5, 6, 9}) {
         for (bool exists : {false, true}) {
             SCOPED_TRACE("mode " + std::to_string(mode) + (exists ? ", exists" : ", missing"));
-            ScratchDir root;
+            TreeDir root;
             if (exists) makeDir(root.sub("a/b"));
             ScpFileInfo remote;
             remote.isDirectory = true;
@@ -125,7 +125,7 @@ TEST(SyncRulesTest, NeedToDownloadCreatesDirectoriesOnlyWhenMissingExceptInModeZ
         }
     }
     // The remote root's own record has the empty relative path: the local root.
-    ScratchDir root;
+    TreeDir root;
     ScpFileInfo rootRecord;
     rootRecord.isDirectory = true;
     XString localRoot(root.path().c_str());
@@ -176,7 +176,7 @@ TEST(SyncRulesTest, NeedToUploadFollowsTheModeTable) {
         {-3, {false, true, false, false, false, false}},
     };
     ClsScp scp;
-    ScratchDir root;
+    TreeDir root;
     writeFile(root.sub("d/f.txt"), std::string(kSize, 'y'), kT);
     XString localRoot(root.path().c_str());
     XString localPath(root.sub("d/f.txt").c_str());
@@ -196,7 +196,7 @@ TEST(SyncRulesTest, NeedToUploadFollowsTheModeTable) {
 
 TEST(SyncRulesTest, NeedToUploadWithoutAMapOnlyCopiesInModeZero) {
     ClsScp scp;
-    ScratchDir root;
+    TreeDir root;
     writeFile(root.sub("f"), "x");
     XString localRoot(root.path().c_str());
     XString localPath(root.sub("f").c_str());
@@ -225,7 +225,7 @@ TEST(SyncRulesTest, NeedToUploadKeysByThePathBelowTheRoot) {
     ClsScp scp;
     for (const Case& c : cases) {
         SCOPED_TRACE(std::string(c.root) + " | " + c.file + " | " + c.storedKey);
-        ScratchDir dir;
+        TreeDir dir;
         writeFile(dir.sub(c.file), "content");
         StringHashMap* map = StringHashMap::createNewObject(101);
         map->hashInsert(c.storedKey, new ScpFileInfo());
@@ -238,7 +238,7 @@ TEST(SyncRulesTest, NeedToUploadKeysByThePathBelowTheRoot) {
 
     // The root is removed at its first occurrence only: a root that occurs
     // again further down the path stays in the key.
-    ScratchDir dir;
+    TreeDir dir;
     std::string root = dir.sub("q");
     std::string file = root + root + "/f";
     writeFile(file, "z");

@@ -150,7 +150,7 @@ TEST(TreeDownloadProtocolTest, AnswersEveryRecordAsTheSelectionDecides) {
           {"D0755 0 empty\n", 1},
           {"E\n", 1},
           {"E\n", 1}},
-         std::string(8, '\0'),
+         std::string(9, '\0'),
          {"empty", "sub dir", "sub dir/f"},
          "sub dir/f"},
         {"recurse false skips subdirectories and pops them at once",
@@ -191,8 +191,9 @@ TEST(TreeDownloadProtocolTest, AnswersEveryRecordAsTheSelectionDecides) {
         Rig rig;
         rig.filters(c.filters[0], c.filters[1], c.filters[2], c.filters[3]);
         playSource(rig.peer(0), c.says);
-        ScratchDir dir;
+        TreeDir dir;
         std::string root = dir.sub("local");
+        makeDir(root);  // a single file as the remote root needs its directory
 
         EXPECT_TRUE(rig.download(root, c.mode, c.recurse)) << rig.log();
         EXPECT_EQ(rig.peer(0).execCommand, "scp -rpf /srv/root");
@@ -212,7 +213,7 @@ TEST(TreeDownloadProtocolTest, ReceivedFilesKeepContentTimesAndOnlyPermissionBit
                              {"D1777 0 d\n", 1},
                              {"E\n", 1},
                              {"E\n", 1}});
-    ScratchDir dir;
+    TreeDir dir;
     std::string root = dir.sub("r");
     ASSERT_TRUE(rig.download(root, 0, true)) << rig.log();
     EXPECT_EQ(readFile(root + "/run"), "hello");
@@ -244,12 +245,12 @@ TEST(TreeDownloadProtocolTest, ExistingLocalFilesAreSkippedByTheirMode) {
         bool fetchOld = c.mode != 1;
         says.back().answerBytes = fetchOld ? 1 : 6;
         if (fetchOld) says.push_back({"OLD\0"s, 1});
-        says.push_back({"C0644 3 new\n", c.mode == 3 ? 6 : 1});
+        says.push_back({"C0644 3 new\n", c.mode == 3 ? 6u : 1u});
         if (c.mode != 3) says.push_back({"NEW\0"s, 1});
         says.push_back({"E\n", 1});
         playSource(rig.peer(0), says);
 
-        ScratchDir dir;
+        TreeDir dir;
         writeFile(dir.sub("old"), "old", 1600000000);  // older than the server's copy
         EXPECT_TRUE(rig.download(dir.path(), c.mode, true)) << rig.log();
         EXPECT_EQ(rig.peer(0).written, c.answers);
@@ -304,7 +305,7 @@ TEST(TreeDownloadProtocolTest, FailurePointsAreReported) {
         Rig rig;
         rig.scp.put_VerboseLogging(true);
         playSource(rig.peer(0), c.says, c.hangAtEnd);
-        ScratchDir dir;
+        TreeDir dir;
         EXPECT_EQ(rig.download(dir.path(), 0, true), c.result);
         std::string log = rig.log();
         EXPECT_NE(log.find(c.logged), std::string::npos) << log;
@@ -346,7 +347,7 @@ TEST(TreeDownloadProtocolTest, HostileNamesAreRefusedBeforeAnythingIsCreated) {
             says.push_back({"xyz\0"s, 1});
             playSource(rig.peer(0), says);
 
-            ScratchDir outer;
+            TreeDir outer;
             std::string root = outer.sub("a/b/root");
             makeDir(root);
             EXPECT_FALSE(rig.download(root, mode, true));
@@ -374,7 +375,7 @@ TEST(TreeDownloadProtocolTest, TheRootsOwnNameIsNeverPartOfALocalPath) {
                                  {"C0644 2 f\n", 1},
                                  {"hi\0"s, 1},
                                  {"E\n", 1}});
-        ScratchDir outer;
+        TreeDir outer;
         std::string root = outer.sub("in");
         EXPECT_TRUE(rig.download(root, 0, true)) << rig.log();
         EXPECT_EQ(listTree(outer.path()), (std::vector<std::string>{"in", "in/f"}));
@@ -418,7 +419,7 @@ TEST(TreeDownloadProtocolTest, ComputePassSizesTheWorkAndDownloadPassReportsEven
                              {std::string(200, 's') + "\0"s, 1},
                              {"E\n", 1},
                              {"E\n", 1}});
-    ScratchDir dir;
+    TreeDir dir;
     std::string root = dir.sub("new");
     Recorder progress;
     ASSERT_TRUE(rig.download(root, 0, true, &progress)) << rig.log();
@@ -445,7 +446,7 @@ TEST(TreeDownloadProtocolTest, ComputePassSizesTheWorkAndDownloadPassReportsEven
 TEST(TreeDownloadProtocolTest, AFailedComputePassDownloadsNothing) {
     Rig rig;
     rig.peer(0).awaitBytes(1).send("\x01scp: /srv/root: No such file or directory\n");
-    ScratchDir dir;
+    TreeDir dir;
     Recorder progress;
     EXPECT_FALSE(rig.download(dir.sub("x"), 0, true, &progress));
     EXPECT_NE(rig.log().find("Failed to get total size of what needs to be downloaded."),
@@ -468,7 +469,7 @@ TEST(TreeDownloadProtocolTest, AbortFromTheCallbackStopsTheTree) {
     playSource(rig.peer(0), compute);
     playSource(rig.peer(1), fetch, true);
 
-    ScratchDir dir;
+    TreeDir dir;
     Recorder progress;
     progress.abortAfter = "scp-localfile-created";
     EXPECT_FALSE(rig.download(dir.path(), 0, true, &progress));
@@ -517,7 +518,7 @@ TEST(TreeUploadProtocolTest, SendsTheRecordsOfTheLocalTree) {
         SCOPED_TRACE(c.name);
         Rig rig;
         rig.peer(0).send(std::string(c.acks, '\0')).closeOnClientClose();
-        ScratchDir dir;
+        TreeDir dir;
         std::string root = dir.sub("src");
         makeDir(root);
         c.build(root);
@@ -533,7 +534,7 @@ TEST(TreeUploadProtocolTest, SendsTheRecordsOfTheLocalTree) {
 TEST(TreeUploadProtocolTest, RemoteRootWithABlankIsQuoted) {
     Rig rig;
     rig.peer(0).send(std::string(2, '\0')).closeOnClientClose();
-    ScratchDir dir;
+    TreeDir dir;
     XString local(dir.path().c_str()), remote("/srv/my dst");
     EXPECT_TRUE(rig.scp.SyncTreeUpload(local, remote, 0, true, nullptr)) << rig.log();
     EXPECT_EQ(rig.peer(0).execCommand, "scp -rpt \"/srv/my dst\"");
@@ -556,7 +557,7 @@ TEST(TreeUploadProtocolTest, HashingPassRecordsRemoteFilesAndTheUploadSkipsThem)
                              {"E\n", 1}});
     rig.peer(1).send(std::string(64, '\0')).closeOnClientClose();
 
-    ScratchDir dir;
+    TreeDir dir;
     std::string root = dir.sub("src");
     writeFile(root + "/same.txt", "same", 1600000000);
     writeFile(root + "/new.txt", "new", 1600000000);
@@ -579,7 +580,7 @@ TEST(TreeUploadProtocolTest, HashingPassRecordsRemoteFilesAndTheUploadSkipsThem)
 TEST(TreeUploadProtocolTest, ProgressTotalsAndEventsOfTheUpload) {
     Rig rig;
     rig.peer(0).send(std::string(64, '\0')).closeOnClientClose();
-    ScratchDir dir;
+    TreeDir dir;
     std::string root = dir.sub("src");
     // Three directories below the root and 1,000 bytes of files.
     writeFile(root + "/a", std::string(400, 'a'));
@@ -616,7 +617,7 @@ TEST(TreeUploadProtocolTest, ProgressTotalsAndEventsOfTheUpload) {
 TEST(TreeUploadProtocolTest, UnreadableFilesAreReportedAndTheWalkGoesOn) {
     Rig rig;
     rig.peer(0).send(std::string(64, '\0')).closeOnClientClose();
-    ScratchDir dir;
+    TreeDir dir;
     std::string root = dir.sub("src");
     makeDir(root);
     writeFile(root + "/ok", "fine");
@@ -635,7 +636,7 @@ TEST(TreeUploadProtocolTest, UnreadableFilesAreReportedAndTheWalkGoesOn) {
 TEST(TreeUploadProtocolTest, DirectorySymlinksAreNotFollowed) {
     Rig rig;
     rig.peer(0).send(std::string(16, '\0')).closeOnClientClose();
-    ScratchDir dir;
+    TreeDir dir;
     std::string root = dir.sub("src");
     makeDir(root);
     // A link cycle: followed, it would never end.
@@ -661,7 +662,7 @@ TEST(TreeUploadProtocolTest, FailuresBeforeTheUpload) {
     {
         Rig rig;
         rig.peer(0).awaitBytes(1).send("\x01scp: /srv/dst: No such file or directory\n");
-        ScratchDir dir;
+        TreeDir dir;
         writeFile(dir.sub("f"), "f");
         EXPECT_FALSE(rig.upload(dir.path(), 2, true));
         EXPECT_NE(rig.log().find("Initial remote traverse to identify existing files failed."),
