@@ -35,6 +35,14 @@ constexpr size_t kMaxStderrKept = 4 * 1024 * 1024;
 // a time does not move memory on every call.
 constexpr size_t kCompactThreshold = 64 * 1024;
 
+// A transfer uses one channel at a time and its channel operations follow
+// one another closely. So a channel belongs to a transfer that has ended
+// when the thread that last used it opens a new one, or when nothing has
+// touched it for this long.
+constexpr long long kReclaimIdleMs = 1000;
+// How long to wait for the server to confirm the CLOSE of reclaimed channels.
+constexpr long long kReclaimWaitMs = 2000;
+
 long long msSince(Clock::time_point t) {
     return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - t).count();
 }
@@ -72,6 +80,13 @@ struct ClsSsh::Channel {
     bool receivedEof = false;
     bool receivedClose = false;
     bool sentClose = false;
+    Clock::time_point lastUse = Clock::now();
+    std::thread::id lastUser = std::this_thread::get_id();
+
+    void touch() {
+        lastUse = Clock::now();
+        lastUser = std::this_thread::get_id();
+    }
 
     size_t available() const { return data.getSize() - readPos; }
     const unsigned char* pending() const { return data.getData2() + readPos; }
@@ -147,7 +162,9 @@ bool ClsSsh::get_StderrToStdout() {
 
 ClsSsh::Channel* ClsSsh::findChannel(int channel) {
     auto it = m_channels.find(channel);
-    return it == m_channels.end() ? nullptr : it->second.get();
+    if (it == m_channels.end()) return nullptr;
+    it->second->touch();
+    return it->second.get();
 }
 
 unsigned char* ClsSsh::scratch() {
@@ -164,6 +181,34 @@ void ClsSsh::releaseFinishedChannels() {
             ++it;
         }
     }
+}
+
+bool ClsSsh::reclaimIdleChannels(SocketParams& sp, LogBase& log) {
+    // Those closed earlier whose confirmation was never read count too.
+    std::vector<int> closing;
+    for (auto& [id, ch] : m_channels) {
+        if (ch->sentClose && ch->receivedClose) continue;
+        if (!ch->sentClose) {
+            if (ch->lastUser != std::this_thread::get_id() && msSince(ch->lastUse) < kReclaimIdleMs)
+                continue;
+            if (!m_transport->sendClose(id, log)) continue;
+            ch->sentClose = true;
+        }
+        closing.push_back(id);
+    }
+    if (closing.empty()) return false;
+    log.LogInfo("Closing channels left by earlier transfers.");
+    log.LogDataLong("numChannels", static_cast<int32_t>(closing.size()));
+    Clock::time_point start = Clock::now();
+    for (int id : closing) {
+        Channel& ch = *m_channels[id];
+        while (!ch.receivedClose && msSince(start) < kReclaimWaitMs && !sp.spAbortCheck(log)) {
+            bool moved = false;  // what still arrives is discarded
+            if (pollTransport(id, ch, scratch(), kChunkSize, kSliceMs, moved, log) < 0) break;
+        }
+    }
+    releaseFinishedChannels();
+    return true;
 }
 
 void ClsSsh::logServerInfo(LogBase& log) {
@@ -184,6 +229,10 @@ int ClsSsh::openSessionChannel(SocketParams& sp, LogBase& log) {
     if (sp.spAbortCheck(log)) return -1;
     releaseFinishedChannels();
     int channel = m_transport->openChannel(log);
+    // Servers allow a few sessions per connection (OpenSSH: MaxSessions 10),
+    // and a failed transfer leaves its channel open here: once the server
+    // refuses a new one, those are closed and the open is tried again.
+    if (channel < 0 && reclaimIdleChannels(sp, log)) channel = m_transport->openChannel(log);
     if (channel < 0) {
         log.LogError("Failed to open a session channel.");
         return -1;
@@ -243,6 +292,7 @@ long ClsSsh::pollTransport(int channel, Channel& ch, unsigned char* buf, size_t 
     DataBuffer errBytes;
     Clock::time_point start = Clock::now();
     long n = m_transport->read(channel, buf, cap, errBytes, sliceMs, log);
+    ch.touch();
     moved = n > 0;
     if (errBytes.getSize() > 0) {
         moved = true;
@@ -330,6 +380,7 @@ bool ClsSsh::writeAll(int channel, const unsigned char* data, size_t numBytes, S
         if (n > 0) {
             sent += static_cast<size_t>(n);
             lastMove = Clock::now();
+            findChannel(channel);  // marks the channel as in use
         }
     }
     return true;

@@ -110,6 +110,10 @@ class ClsSsh : public ClsBase, public RefCountedObject {
                        bool& moved, LogBase& log);
     unsigned char* scratch();
     void releaseFinishedChannels();
+    // Closes the channels no operation has touched for a while (those of
+    // transfers that failed) and waits, bounded, for the server to confirm.
+    // True when at least one was closed.
+    bool reclaimIdleChannels(SocketParams& sp, LogBase& log);
 
     std::recursive_mutex m_ioMutex;  // serialises use of the transport
     std::shared_ptr<SshTransport> m_transport;
