@@ -172,9 +172,21 @@ unsigned char* ClsSsh::scratch() {
     return m_scratch.data();
 }
 
+bool ClsSsh::isDoneWith(const Channel& ch) const {
+    return ch.lastUser == std::this_thread::get_id() || msSince(ch.lastUse) >= kReclaimIdleMs;
+}
+
 void ClsSsh::releaseFinishedChannels() {
+    LogNull quiet;
     for (auto it = m_channels.begin(); it != m_channels.end();) {
-        if (it->second->sentClose && it->second->receivedClose) {
+        Channel& ch = *it->second;
+        // A CLOSE from the server is answered with one (RFC 4254, 5.3); until
+        // then the server counts the session as open. Downloads never send
+        // their own.
+        if (ch.receivedClose && !ch.sentClose && isDoneWith(ch) && m_transport &&
+            m_transport->sendClose(it->first, quiet))
+            ch.sentClose = true;
+        if (ch.sentClose && ch.receivedClose && isDoneWith(ch)) {
             if (m_transport) m_transport->releaseChannel(it->first);
             it = m_channels.erase(it);
         } else {
@@ -189,9 +201,7 @@ bool ClsSsh::reclaimIdleChannels(SocketParams& sp, LogBase& log) {
     for (auto& [id, ch] : m_channels) {
         if (ch->sentClose && ch->receivedClose) continue;
         if (!ch->sentClose) {
-            if (ch->lastUser != std::this_thread::get_id() && msSince(ch->lastUse) < kReclaimIdleMs)
-                continue;
-            if (!m_transport->sendClose(id, log)) continue;
+            if (!isDoneWith(*ch) || !m_transport->sendClose(id, log)) continue;
             ch->sentClose = true;
         }
         closing.push_back(id);
@@ -231,8 +241,17 @@ int ClsSsh::openSessionChannel(SocketParams& sp, LogBase& log) {
     int channel = m_transport->openChannel(log);
     // Servers allow a few sessions per connection (OpenSSH: MaxSessions 10),
     // and a failed transfer leaves its channel open here: once the server
-    // refuses a new one, those are closed and the open is tried again.
-    if (channel < 0 && reclaimIdleChannels(sp, log)) channel = m_transport->openChannel(log);
+    // refuses a new one, those are closed and the open is tried again, for a
+    // little while, as the server frees a session a moment after its CLOSE.
+    if (channel < 0 && reclaimIdleChannels(sp, log)) {
+        Clock::time_point start = Clock::now();
+        LogNull quiet;
+        while (channel < 0 && msSince(start) < kReclaimWaitMs && !sp.spAbortCheck(log)) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(kSliceMs / 2));
+            channel = m_transport->openChannel(quiet);
+        }
+        if (channel < 0) channel = m_transport->openChannel(log);
+    }
     if (channel < 0) {
         log.LogError("Failed to open a session channel.");
         return -1;
