@@ -16,7 +16,6 @@ namespace scpkit::cli {
 
 namespace {
 
-constexpr int kDefaultPort = 22;
 constexpr int kPasswordAttempts = 3;
 
 std::string reasonOf(ClsSsh& ssh) {
@@ -73,10 +72,11 @@ int connectAndLogin(ClsSsh& ssh, const Options& o, CallLog& callLog, std::string
         ssh.put_DebugLogFilePath(path);
     }
 
-    const std::string where = stripControlChars(o.remote.host) + " port " +
-                              (o.port > 0 ? std::to_string(o.port) : std::string("22"));
+    const std::string where = stripControlChars(o.remote.host) +
+                              (o.port > 0 ? " port " + std::to_string(o.port) : std::string());
     XString host(o.remote.host.c_str());
-    bool connected = ssh.Connect(host, o.port > 0 ? o.port : kDefaultPort);
+    // Port 0 lets ~/.ssh/config name the port (22 without one).
+    bool connected = ssh.Connect(host, o.port);
     callLog.record(ssh);
     if (!connected) {
         message = "cannot connect to " + where + reasonOf(ssh);

@@ -45,6 +45,19 @@ bool isStructural(const std::string& line) {
     return line.size() > 1 && line.back() == ':' && isIdentifier(line.substr(0, line.size() - 1));
 }
 
+// Information lines ("Add the key to ...") may follow the error they explain.
+bool readsLikeAnError(const std::string& line) {
+    std::string lower;
+    for (char c : line) lower += static_cast<char>(c >= 'A' && c <= 'Z' ? c + 32 : c);
+    static const char* const words[] = {
+        "fail", "error", "denied",     "refused",   "cannot",  "unable", "invalid",
+        "not ", "no ",   "unexpected", "timed out", "timeout", "abort",  "unrecognized"};
+    for (const char* w : words) {
+        if (lower.find(w) != std::string::npos) return true;
+    }
+    return false;
+}
+
 }  // namespace
 
 std::string failureReason(const std::string& logText) {
@@ -60,7 +73,8 @@ std::string failureReason(const std::string& logText) {
     static const char* const kRemoteTags[] = {"errorResponse", "scpError", "scp_errors1",
                                               "scp_errors2"};
     std::string remote[4];
-    std::string lastError;
+    std::string lastLine, lastError, lastErrorDetail;
+    bool detailOpen = false;  // an "sshError" item may explain the error just before it
     for (size_t i = 0; i < lines.size(); ++i) {
         std::string tag, value;
         if (isDataItem(lines[i].text, tag, value)) {
@@ -72,15 +86,30 @@ std::string failureReason(const std::string& logText) {
             for (int t = 0; t < 4; ++t) {
                 if (tag == kRemoteTags[t] && !stripControlChars(value).empty()) remote[t] = value;
             }
+            if (tag == "sshError" && detailOpen) lastErrorDetail = value;
             i = k - 1;
             continue;
         }
-        if (!isStructural(lines[i].text)) lastError = lines[i].text;
+        if (isStructural(lines[i].text)) continue;
+        lastLine = lines[i].text;
+        detailOpen = false;
+        if (readsLikeAnError(lastLine)) {
+            lastError = lastLine;
+            lastErrorDetail.clear();
+            detailOpen = true;
+        }
     }
     for (const std::string& r : remote) {
         if (!r.empty()) return stripControlChars(r);
     }
-    return stripControlChars(lastError);
+    if (lastError.empty()) return stripControlChars(lastLine);
+    std::string reason = stripControlChars(lastError);
+    std::string detail = stripControlChars(lastErrorDetail);
+    if (!detail.empty()) {
+        if (!reason.empty() && reason.back() == '.') reason.pop_back();
+        reason += " (" + detail + ")";
+    }
+    return reason;
 }
 
 }  // namespace scpkit::cli

@@ -133,7 +133,7 @@ ParseResult parseCommandLine(const std::vector<std::string>& args, Options& o) {
     app.add_option("--chmod", o.chmod, "Give uploaded files these octal permissions (e.g. 0640)")
         ->group(xfer);
     app.add_flag("--filename-only", o.filenameOnly,
-                 "put: hand the remote scp only the file name, not the directory")
+                 "put: name only the file, not its directory, to the remote scp")
         ->group(xfer);
 
     const std::string out = "Output";

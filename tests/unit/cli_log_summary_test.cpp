@@ -44,6 +44,20 @@ TEST(CliLogSummary, PrefersWhatTheRemoteSaidThenTheLastError) {
          "    Failed.\n"
          "--Connect\n",
          "Failed to connect."},
+        {"explanation after the error, libssh's detail with it",
+         "Connect:\n"
+         "    Cannot connect to the SSH server.\n"
+         "    sshError: Connection refused\n"
+         "    Host key verification failed: not in known_hosts.\n"
+         "    knownHostsFile: /root/.ssh/known_hosts\n"
+         "    Add the key to the known_hosts file to trust it.\n"
+         "    Failed.\n"
+         "--Connect\n",
+         "Host key verification failed: not in known_hosts."},
+        {"detail of the error it follows",
+         "Connect:\n    Cannot connect to the SSH server.\n    sshError: Connection refused\n"
+         "    Failed.\n--Connect\n",
+         "Cannot connect to the SSH server (Connection refused)"},
         {"data items and structure alone",
          "UploadFile:\n    errReturnLoc: 30\n    Failed.\n--UploadFile\n", ""},
         {"escape sequences from the server",
