@@ -1,0 +1,95 @@
+// The command channel: environment requests, remote command lines, and the
+// closings that the transfers share.
+#include <cstring>
+
+#include "base/ClsJsonObject.h"
+#include "base/DataBuffer.h"
+#include "base/FilePath.h"
+#include "base/Logger.h"
+#include "base/Progress.h"
+#include "scp/ClsScp.h"
+#include "scp/ScpCommand.h"
+#include "ssh/ClsSsh.h"
+#include "ssh/SshReadParams.h"
+
+namespace scpkit {
+
+namespace {
+constexpr unsigned kUntilChannelClose = 1;
+}
+
+bool ClsScp::setEnvironmentVars(int channel, SocketParams& sp, LogBase& log) {
+    if (sendEnv.isEmpty()) return true;
+    LogContextExitor ctx(log, "setEnvironmentVars");
+    if (!ssh) {
+        log.LogError("No SSH connection.");
+        return false;
+    }
+    _clsBaseHolder<ClsJsonObject> holder(ClsJsonObject::createNewCls());
+    ClsJsonObject* json = holder.get();
+    if (!json) return false;
+
+    DataBuffer utf8;
+    utf8.append(sendEnv.getUtf8Sb());
+    // Text that is not a JSON object leaves no members: nothing is sent.
+    json->loadJson(utf8, log);
+
+    int size = json->get_Size();
+    for (int i = 0; i < size; ++i) {
+        XString name;
+        XString value;
+        json->NameAt(i, name);
+        json->StringAt(i, value);
+        name.trim2();
+        if (name.isEmpty()) continue;
+        if (!ssh->sendReqSetEnv(channel, name, value, sp, log)) return false;
+    }
+    return true;
+}
+
+void buildScpCommand(const char* prefix, const XString& argument, bool quote, XString& command) {
+    command.setFromUtf8(prefix);
+    if (quote) command.appendUtf8("\"");
+    command.appendX(argument);
+    if (quote) command.appendUtf8("\"");
+}
+
+void splitRemoteFilePath(XString& remotePath, XString& filename) {
+    _vqFilePath::GetFinalFilenamePart(remotePath, filename);
+    int n = filename.getNumChars();
+    if (n > 0) remotePath.shortenNumChars(n);
+    if (remotePath.isEmpty()) remotePath.setFromUtf8(".");
+}
+
+bool containsBlank(const XString& text) {
+    return text.getUtf8Sb().containsChar(' ');
+}
+
+bool awaitChannelClose(ClsSsh& ssh, int channel, SocketParams& sp, LogBase& log) {
+    if (ssh.channelReceivedClose(channel, log)) {
+        log.LogInfo("Already received the channel CLOSE message.");
+        return true;
+    }
+    SshReadParams rp;
+    return ssh.channelReceiveUntilCondition(channel, kUntilChannelClose, rp, sp, log);
+}
+
+void finishTreeChannel(ClsSsh& ssh, int channel, SocketParams& sp, LogBase& log) {
+    bool receivedClose = ssh.channelReceivedClose(channel, log);
+    bool receivedEof = ssh.channelReceivedEof(channel, log);
+    log.LogDataLong("receivedEof", receivedEof ? 1 : 0);
+    log.LogDataLong("receivedClose", receivedClose ? 1 : 0);
+    if (receivedClose) return;
+    if (ssh.channelSendClose(channel, sp, log)) {
+        SshReadParams rp;
+        ssh.channelReceiveUntilCondition(channel, kUntilChannelClose, rp, sp, log);
+    }
+}
+
+void logRemoteStderr(ClsSsh& ssh, int channel, const char* tag, LogBase& log) {
+    XString text;
+    ssh.getReceivedStderrText(channel, "utf-8", text, log);
+    if (!text.isEmpty()) log.LogDataX(tag, text);
+}
+
+}  // namespace scpkit

@@ -1,0 +1,123 @@
+// Uploads of in-memory data: text in a charset, bytes, encoded bytes and a
+// ClsBinData, each sent as one remote file.
+#include "base/ClsBinData.h"
+#include "base/CritSec.h"
+#include "base/DataBuffer.h"
+#include "base/DataSource.h"
+#include "base/Encode.h"
+#include "base/FileTime.h"
+#include "base/Logger.h"
+#include "base/Output.h"
+#include "base/Progress.h"
+#include "scp/ClsScp.h"
+#include "scp/ScpCommand.h"
+#include "scp/ScpFileInfo.h"
+#include "ssh/ClsSsh.h"
+
+namespace scpkit {
+
+namespace {
+constexpr uint32_t kDefaultPerms = 0644;
+}
+
+bool ClsScp::UploadString(XString& remotePath, XString& text, XString& charset,
+                          ProgressEvent* progress) {
+    CritSecExitor cs(m_critSec);
+    LogContextExitor ctx(*this, "UploadString");
+    // A failed conversion is not reported: whatever it produced is sent.
+    DataBuffer bytes;
+    xstringToDb(charset, text, bytes, m_log);
+    return uploadData(remotePath, bytes, progress);
+}
+
+bool ClsScp::UploadBinaryEncoded(XString& remotePath, XString& encodedBytes, XString& encoding,
+                                 ProgressEvent* progress) {
+    CritSecExitor cs(m_critSec);
+    LogContextExitor ctx(*this, "UploadBinaryEncoded");
+    DataBuffer bytes;
+    _clsEncode encoder;
+    encoder.put_EncodingMode(encoding);
+    encoder.decodeBinary(encodedBytes, bytes, false, m_log);
+    return uploadData(remotePath, bytes, progress);
+}
+
+bool ClsScp::UploadBinary(XString& remotePath, DataBuffer& bytes, ProgressEvent* progress) {
+    CritSecExitor cs(m_critSec);
+    LogContextExitor ctx(*this, "UploadBinary");
+    return uploadData(remotePath, bytes, progress);
+}
+
+bool ClsScp::UploadBd(XString& remotePath, ClsBinData& bd, ProgressEvent* progress) {
+    CritSecExitor cs(m_critSec);
+    LogContextExitor ctx(*this, "UploadBd");
+    return uploadData(remotePath, bd.getDataBuffer(), progress);
+}
+
+bool ClsScp::uploadData(XString& remoteFilePath, DataBuffer& data, ProgressEvent* progress) {
+    LogBase& log = m_log;
+    if (!ssh) {
+        log.LogError("No SSH object has been set.  Must call UseSsh first.");
+        logSuccessFailure(false);
+        return false;
+    }
+
+    int64_t numBytes = static_cast<int64_t>(data.getSize());
+    log.LogDataX("remoteFilePath", remoteFilePath);
+    log.LogDataInt64("numBytesToUpload", numBytes);
+    bool filenameOnly = m_uncommonOptions.containsSubstringNoCase("FilenameOnly");
+
+    _vqMemoryDataSource source;
+    source.takeDataBuffer(data);
+
+    XString remoteFilename;
+    splitRemoteFilePath(remoteFilePath, remoteFilename);
+    log.LogDataX("remoteDir", remoteFilePath);
+    log.LogDataX("remoteFilename", remoteFilename);
+
+    ScpFileInfo info;
+    info.filename.append(remoteFilename.getUtf8Sb());
+    info.fileSize = numBytes;
+    info.permissions = useOverride ? overridePerms : kDefaultPerms;
+    info.lastModTime.getCurrentGmt();
+    info.lastAccTime.getCurrentGmt();
+    info.haveTimes = true;
+    info.isDirectory = false;
+    info.isEndOfDir = false;
+    source.m_reportsProgress = true;
+
+    ProgressMonitorPtr pmPtr(progress, m_pollIntervalMs, m_percentScale, numBytes);
+    SocketParams sp(pmPtr.getPm());
+
+    int channel = ssh->openSessionChannel(sp, log);
+    if (channel < 0 || !setEnvironmentVars(channel, sp, log)) {
+        logSuccessFailure(false);
+        return false;
+    }
+
+    // The blank test looks at the directory even when the name is what is sent.
+    XString command;
+    buildScpCommand("scp -t ", filenameOnly ? remoteFilename : remoteFilePath,
+                    containsBlank(remoteFilePath), command);
+    if (!ssh->sendReqExec(channel, command, sp, log)) {
+        logSuccessFailure(false);
+        return false;
+    }
+
+    if (!sendFile(channel, source, false, info, sp, log)) {
+        if (sp.m_progressMonitor) sp.m_progressMonitor->consumeRemaining(&log);
+        return false;
+    }
+
+    if (log.m_verboseLogging) log.LogInfo("Waiting for the final response...");
+    DataBuffer ack;
+    OutputDataBuffer ackOut(&ack);
+    if (!waitForGo(ack, ackOut, static_cast<unsigned>(channel), sp, log)) return false;
+
+    if (!ssh->channelSendClose(channel, sp, log)) return false;
+    bool result = awaitChannelClose(*ssh, channel, sp, log);
+
+    if (sp.m_progressMonitor) sp.m_progressMonitor->consumeRemaining(&log);
+    return result;
+}
+
+}  // namespace scpkit
