@@ -14,6 +14,7 @@
 #include "cli/Interrupt.h"
 #include "cli/LogSummary.h"
 #include "cli/ProgressBar.h"
+#include "cli/RemoteDirectory.h"
 #include "cli/SafeText.h"
 #include "scp/ClsScp.h"
 #include "ssh/ClsSsh.h"
@@ -113,6 +114,17 @@ class Transfer {
         if (status != kExitOk) {
             printError(message + logHint());
             return status;
+        }
+        if (m_o.command == Command::Push) {
+            std::string error;
+            bool made = ensureRemoteDirectory(*holder.ssh, m_remotePath, error);
+            m_callLog.record(*holder.ssh);
+            if (!made) {
+                printError("push: cannot make the remote directory " +
+                           stripControlChars(m_remotePath) + ": " + stripControlChars(error) +
+                           logHint());
+                return kExitTransferFailed;
+            }
         }
         ClsScp scp;
         configure(scp, *holder.ssh);

@@ -173,6 +173,13 @@ ParseResult parseCommandLine(const std::vector<std::string>& args, Options& o) {
         sub->add_option(s.secondName, second)->required();
     }
 
+    // A scalar option given twice takes its last value, so a script can
+    // override what an alias or wrapper put first.
+    for (CLI::Option* opt : app.get_options()) {
+        if (opt->get_expected_max() == 1)
+            opt->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
+    }
+
     std::ostringstream outStream, errStream;
     app.failure_message(
         [](const CLI::App*, const CLI::Error& e) { return std::string(e.what()) + "\n"; });
