@@ -81,6 +81,7 @@ void ProgressBar::OnNamedEvent(const char* name, const char* value) {
 std::string ProgressBar::relativeToRoot(const std::string& path) const {
     std::string root = m_localRoot;
     while (root.size() > 1 && root.back() == '/') root.pop_back();
+    if (!root.empty() && path == root) return std::string();
     if (!root.empty() && path.size() > root.size() && path.compare(0, root.size(), root) == 0 &&
         path[root.size()] == '/') {
         return path.substr(root.size() + 1);

@@ -8,9 +8,10 @@ namespace scpkit::cli {
 
 namespace {
 
-// Below this many units a fraction is too coarse to scale a byte count by
-// (0.5 %: at most 2 % error in the estimate).
-constexpr int64_t kMinUnitsPer10000 = 50;
+// Below this fraction (0.1 %) the reported units are too coarse to scale a
+// byte count by; above it the estimate is off by at most 10 %, and every
+// later observation refines it.
+constexpr int64_t kMinUnitsPer10000 = 10;
 
 // Columns taken by UTF-8 text (one per character; wide characters are rare
 // in file names and only make the line a little shorter than planned).
@@ -56,6 +57,7 @@ void ProgressMeter::setUnits(int64_t units, double now) {
 void ProgressMeter::observeDone(int64_t bytes) {
     if (bytes < 0) return;
     m_observedDone = bytes;
+    m_observedAtUnits = m_units;
     if (m_totalExact) return;
     if (m_units * 10000 >= kMinUnitsPer10000 * m_scale) {
         m_total = static_cast<int64_t>(
@@ -70,8 +72,8 @@ ProgressSnapshot ProgressMeter::snapshot(double now) const {
         s.totalBytes = m_total;
         s.totalEstimated = !m_totalExact;
         s.doneBytes = std::llround(s.fraction * m_total);
-    } else if (m_observedDone >= 0) {
-        s.doneBytes = m_observedDone;
+    } else if (m_observedDone >= 0 && m_observedAtUnits == m_units) {
+        s.doneBytes = m_observedDone;  // only while it is not stale
     }
     double elapsed = m_startTime < 0 ? 0 : now - m_startTime;
     double gained = s.fraction - m_startFraction;

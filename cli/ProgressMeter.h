@@ -40,6 +40,7 @@ class ProgressMeter {
     int64_t m_total = -1;
     bool m_totalExact = false;
     int64_t m_observedDone = -1;
+    int64_t m_observedAtUnits = -1;
     // Rate and time left are measured from the first report above zero, so
     // connecting and listing do not count as slow transfer.
     double m_startTime = -1;

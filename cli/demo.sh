@@ -102,7 +102,8 @@ head -c $((300 * 1024)) /dev/urandom >"$SRC/img/logo.png"
 # An hour old, so that a change made now counts as newer.
 find "$SRC" -exec touch -d '1 hour ago' {} +
 FILES=$(find "$SRC" -type f | wc -l)
-ok "$FILES files, $(du -sh "$SRC" | cut -f1) in $SRC"
+SIZE=$(du -sh "$SRC" | cut -f1)
+ok "$FILES files, $SIZE in $SRC"
 
 # ---- push, change, push what changed ----------------------------------------
 step "push: copy the whole tree (the files copied are listed on standard output)"
@@ -154,7 +155,7 @@ ok "exit status $status (1: the transfer failed) and one line on standard error"
 step "Summary"
 cat <<SUMMARY
    server      OpenSSH sshd on 127.0.0.1:$PORT (stopped and removed when the demo ends)
-   push        $FILES files, $(du -sh "$SRC" | cut -f1), in ${PUSH_TIME} s
+   push        $FILES files, $SIZE, in ${PUSH_TIME} s
    push newer  2 changed files listed and sent, nothing else
    pull        tree copied into a new directory, identical (diff -r)
    pipes       get ... - and put - ... moved the bytes unchanged

@@ -31,11 +31,13 @@ TEST(CliProgressMeter, ExactTotalGivesBytesRateAndTimeLeft) {
 
 TEST(CliProgressMeter, EstimatesTheTotalFromBytesKnownDone) {
     ProgressMeter m(10000);
-    m.setUnits(20, 1.0);  // 0.2 %: too coarse to scale by
+    m.setUnits(5, 1.0);  // 0.05 %: too coarse to scale by
     m.observeDone(2000);
     ProgressSnapshot early = m.snapshot(1.0);
     EXPECT_EQ(early.totalBytes, -1);
     EXPECT_EQ(early.doneBytes, 2000);
+    m.setUnits(7, 1.5);
+    EXPECT_EQ(m.snapshot(1.5).doneBytes, -1) << "bytes seen at an earlier fraction are stale";
 
     m.setUnits(2500, 2.0);  // a quarter done
     m.observeDone(250000);
