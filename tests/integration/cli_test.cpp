@@ -462,7 +462,7 @@ TEST_F(CliTest, LogFileHoldsTheWholeStory) {
 
 TEST_F(CliTest, ServerTextReachesTheTerminalWithoutControlCharacters) {
     // The remote scp quotes the name back in its error message.
-    std::string hostile = remoteRoot + "/no\x1b[2Jsuch\x07\x1b[31m\xc2\x9bfile";
+    std::string hostile = remoteRoot + "/no\x1b[2Jsuch\x07\x1b[31m\xc2\x9b" "file";
     ChildResult r = scpkit({"get", remote(hostile), local + "/h"});
     EXPECT_EQ(r.exitStatus, 1);
     EXPECT_NE(r.err.find("No such file or directory"), std::string::npos) << r.err;
