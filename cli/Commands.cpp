@@ -112,7 +112,7 @@ class Transfer {
         std::string message;
         status = connectAndLogin(*holder.ssh, m_o, m_callLog, message);
         if (status != kExitOk) {
-            printError(message + logHint());
+            printError(message + (status == kExitUsage ? "" : logHint()));
             return status;
         }
         if (m_o.command == Command::Push) {
