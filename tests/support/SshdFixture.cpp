@@ -234,7 +234,11 @@ bool SshdFixture::start(const SshdOptions& options) {
             m_error = "no free port";
             return false;
         }
+        // sshd keeps the first value of a keyword, so the caller's lines go
+        // first; a Match block must come last, as it runs to the end.
+        bool hasMatch = options.extraConfig.find("Match ") != std::string::npos;
         std::ostringstream conf;
+        if (!hasMatch) conf << options.extraConfig << "\n";
         conf << "ListenAddress 127.0.0.1\n"
              << "Port " << m_port << "\n"
              << "HostKey " << hostKey << "\n"
@@ -246,8 +250,8 @@ bool SshdFixture::start(const SshdOptions& options) {
              << "PermitRootLogin prohibit-password\n"
              << "PasswordAuthentication yes\n"
              << "KbdInteractiveAuthentication no\n"
-             << "Subsystem sftp internal-sftp\n"
-             << options.extraConfig << "\n";
+             << "Subsystem sftp internal-sftp\n";
+        if (hasMatch) conf << options.extraConfig << "\n";
         if (!writeFile(config, conf.str())) {
             m_error = "cannot write sshd_config";
             return false;
