@@ -140,17 +140,19 @@ std::string currentUser() {
 
 // The local account for password logins, created on first use.
 bool ensurePasswordUser(std::string& error) {
-    if (!getpwnam(kPasswordUser) &&
-        runProgram({"useradd", "-m", "-s", "/bin/sh", kPasswordUser}) != 0) {
-        error = "useradd failed";
-        return false;
+    // Test programs of other worktrees may do the same at the same moment:
+    // the account database is locked while one of them writes, so retry.
+    for (int attempt = 0; attempt < 10; ++attempt) {
+        if (attempt > 0) std::this_thread::sleep_for(std::chrono::milliseconds(200));
+        if (!getpwnam(kPasswordUser) &&
+            runProgram({"useradd", "-m", "-s", "/bin/sh", kPasswordUser}) != 0)
+            continue;
+        if (runProgram({"chpasswd"}, nullptr,
+                       std::string(kPasswordUser) + ":" + kPassword + "\n") == 0)
+            return true;
     }
-    if (runProgram({"chpasswd"}, nullptr, std::string(kPasswordUser) + ":" + kPassword + "\n") !=
-        0) {
-        error = "chpasswd failed";
-        return false;
-    }
-    return true;
+    error = "cannot create the password test user (useradd/chpasswd failed)";
+    return false;
 }
 
 }  // namespace
