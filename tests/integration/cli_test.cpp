@@ -491,6 +491,31 @@ TEST_F(CliTest, AcceptNewRemembersTheHostKey) {
     EXPECT_CLEAN_SUCCESS(again);
 }
 
+TEST_F(CliTest, UsesTheUsersSshSetupLikeSsh) {
+    // Everything from ~/.ssh: the alias, port and user from config, the
+    // server's key from known_hosts, and a default key file.
+    writeFile(home + "/.ssh/config", "Host sandbox\n    HostName 127.0.0.1\n    Port " +
+                                         std::to_string(sshd->port()) + "\n    User " +
+                                         sshd->user() + "\n");
+    writeFile(home + "/.ssh/known_hosts", readFile(sshd->knownHostsPath()));
+    writeFile(home + "/.ssh/id_ed25519", readFile(sshd->clientKeyPath()));
+    chmod((home + "/.ssh/id_ed25519").c_str(), 0600);
+    writeFile(home + "/.ssh/id_ed25519.pub", readFile(sshd->clientKeyPath() + ".pub"));
+    writeFile(remoteRoot + "/motd", "welcome\n");
+
+    ChildResult r =
+        runChild(kProgram, {"get", "sandbox:" + remoteRoot + "/motd", "-"}, environment());
+    EXPECT_CLEAN_SUCCESS(r);
+    EXPECT_EQ(r.out, "welcome\n");
+
+    // --no-ssh-config: "sandbox" is no host name any more.
+    ChildResult plain =
+        runChild(kProgram, {"--no-ssh-config", "get", "sandbox:" + remoteRoot + "/motd", "-"},
+                 environment());
+    EXPECT_EQ(plain.exitStatus, 3) << plain.err;
+    EXPECT_EQ(plain.out, "");
+}
+
 TEST_F(CliTest, PasswordComesFromTheNamedVariable) {
     if (sshd->passwordUser().empty()) GTEST_SKIP() << "no password user";
     struct passwd* pw = getpwnam(sshd->passwordUser().c_str());
