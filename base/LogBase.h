@@ -29,7 +29,7 @@ public:
     void LogDataSb(const char* tag, const StringBuffer& value);
     void LogDataLong(const char* tag, int32_t value);
     void LogDataInt64(const char* tag, int64_t value);
-    void LogDataBool(const char* tag, bool value);
+    void LogDataBool(const char* tag, bool value);  // value "true" or "false"
 };
 
 // A log that keeps nothing: for operations given "no log".
