@@ -107,6 +107,7 @@ TEST(ScpProtocol, AcknowledgementRules) {
         rig.peer().send(row.peerBytes);
         if (!row.leftUnread.empty()) rig.peer().eof();
         _vqLogger log;
+        LogContextExitor top(log, "test");  // a transfer's context, as in real use
         SocketParams sp(nullptr);
         int ch = rig.openChannel(sp, log);
         ASSERT_GE(ch, 0);
