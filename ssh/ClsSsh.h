@@ -6,6 +6,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <vector>
 
 #include "base/ClsBase.h"
 #include "base/DataBuffer.h"
@@ -21,7 +22,7 @@ class _vqDataSource;
 class _vqOutput;
 
 class ClsSsh : public ClsBase, public RefCountedObject {
-public:
+  public:
     // A new object with a reference count of 1 (release with decRefCount);
     // null on allocation failure.
     static ClsSsh* createNewCls();
@@ -69,8 +70,7 @@ public:
     bool get_StderrToStdout();
     void logServerInfo(LogBase& log);
     int openSessionChannel(SocketParams& sp, LogBase& log);
-    bool sendReqSetEnv(int channel, XString& name, XString& value, SocketParams& sp,
-                       LogBase& log);
+    bool sendReqSetEnv(int channel, XString& name, XString& value, SocketParams& sp, LogBase& log);
     bool sendReqExec(int channel, XString& command, SocketParams& sp, LogBase& log);
     bool channelSendData(unsigned channel, DataBuffer& data, SocketParams& sp, LogBase& log);
     bool channelSendNFromSource(int channel, _vqDataSource& source, long long numBytes,
@@ -93,7 +93,7 @@ public:
     // Size of the chunks moved by the bulk operations.
     static constexpr size_t kChunkSize = 256 * 1024;
 
-private:
+  private:
     struct Channel;
     Channel* findChannel(int channel);
     // Reads once (up to cap bytes into buf, or into the channel's buffer when
@@ -103,11 +103,18 @@ private:
                   SocketParams& sp, LogBase& log);
     bool writeAll(int channel, const unsigned char* data, size_t numBytes, SocketParams& sp,
                   LogBase& log);
+    // One transport read of at most sliceMs: routes error-stream bytes, and
+    // after a read of 0 takes over the transport's EOF/CLOSE state. `moved`
+    // tells whether anything at all arrived.
+    long pollTransport(int channel, Channel& ch, unsigned char* buf, size_t cap, int sliceMs,
+                       bool& moved, LogBase& log);
+    unsigned char* scratch();
     void releaseFinishedChannels();
 
     std::recursive_mutex m_ioMutex;  // serialises use of the transport
     std::shared_ptr<SshTransport> m_transport;
     std::map<int, std::unique_ptr<Channel>> m_channels;
+    std::vector<unsigned char> m_scratch;  // kChunkSize bytes once a bulk operation ran
 
     XString m_knownHostsPath;
     XString m_hostKeyPolicy;

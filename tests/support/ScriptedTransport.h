@@ -11,6 +11,7 @@
 //   EXPECT_EQ(t->peer(0).written, expectedBytes);
 #pragma once
 
+#include <condition_variable>
 #include <cstddef>
 #include <deque>
 #include <mutex>
@@ -24,27 +25,28 @@
 namespace scpkit::test {
 
 class ScriptedPeer {
-public:
+  public:
     // ---- the script, played in order ----
-    ScriptedPeer& send(const std::string& bytes);        // data stream
-    ScriptedPeer& sendStderr(const std::string& text);   // error stream
-    ScriptedPeer& awaitBytes(size_t numBytes);           // pause until the client wrote that many more bytes
-    ScriptedPeer& awaitWrites(size_t numWrites);         // pause until that many more write calls
-    ScriptedPeer& eof();                                 // the peer's EOF
-    ScriptedPeer& close();                               // the peer's CLOSE
-    ScriptedPeer& closeOnClientClose();                  // CLOSE as soon as the client sends CLOSE
+    ScriptedPeer& send(const std::string& bytes);       // data stream
+    ScriptedPeer& sendStderr(const std::string& text);  // error stream
+    ScriptedPeer& awaitBytes(size_t numBytes);  // pause until the client wrote that many more bytes
+    ScriptedPeer& awaitWrites(size_t numWrites);  // pause until that many more write calls
+    ScriptedPeer& eof();                          // the peer's EOF
+    ScriptedPeer& close();                        // the peer's CLOSE
+    ScriptedPeer& closeOnClientClose();           // CLOSE as soon as the client sends CLOSE
     ScriptedPeer& refuseEnv(const std::string& name);
     ScriptedPeer& refuseExec();
 
     // ---- what the client did ----
-    std::string written;                       // every data byte, in order
-    std::vector<std::string> writes;           // one entry per write call
+    std::string written;              // every data byte, in order
+    std::vector<std::string> writes;  // one entry per write call
     std::string execCommand;
     std::vector<std::pair<std::string, std::string>> envRequests;  // accepted and refused
     bool clientSentEof = false;
     bool clientSentClose = false;
+    bool released = false;  // the client let go of the channel
 
-private:
+  private:
     friend class ScriptedTransport;
     struct Step {
         enum Kind { Data, Stderr, AwaitBytes, AwaitWrites, Eof, Close } kind;
@@ -67,12 +69,13 @@ private:
 };
 
 class ScriptedTransport : public SshTransport {
-public:
+  public:
     // Script of the index-th channel the client opens (0, 1, ...).
     ScriptedPeer& peer(int index);
     int channelsOpened() const { return m_opened; }
     bool failOpen = false;  // openChannel fails
     bool connected = true;
+    size_t maxWriteSize = 0;  // > 0: each write accepts at most this many bytes
 
     bool isConnected() override { return connected; }
     void describeServer(LogBase& log) override;
@@ -90,9 +93,10 @@ public:
     bool receivedClose(int ch) override;
     void releaseChannel(int ch) override;
 
-private:
+  private:
     std::mutex m_mutex;
-    std::deque<ScriptedPeer> m_peers;  // stable addresses
+    std::condition_variable m_released;  // the client wrote or closed
+    std::deque<ScriptedPeer> m_peers;    // stable addresses
     int m_opened = 0;
 };
 

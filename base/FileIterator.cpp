@@ -1,0 +1,86 @@
+#include "base/FileIterator.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstring>
+#include <new>
+
+#include "base/LogBase.h"
+#include "base/XString.h"
+
+namespace scpkit {
+
+bool _vqFindFile::getFfFilename(XString& name, LogBase& log) const {
+    if (m_name.empty()) {
+        log.LogError("No directory entry to read.");
+        return false;
+    }
+    return name.setFromUtf8(m_name.c_str());
+}
+
+_vqFileIterator* _vqFileIterator::createNewObject() {
+    return new (std::nothrow) _vqFileIterator();
+}
+
+_vqFileIterator::~_vqFileIterator() {
+    closeDirectory();
+}
+
+bool _vqFileIterator::openDirectory(const XString& path, LogBase& log) {
+    closeDirectory();
+    DIR* dir = ::opendir(path.getUtf8());
+    if (!dir) {
+        int err = errno;
+        log.LogError("Failed to open a local directory.");
+        log.LogData("path", path.getUtf8());
+        log.LogData("osError", std::strerror(err));
+        return false;
+    }
+    m_dir = dir;
+    m_path = path.getUtf8();
+    // A directory that vanished after opening lists nothing; that is an empty
+    // listing, not a failure to open.
+    readEntry();
+    return true;
+}
+
+bool _vqFileIterator::advanceToNext(LogBase& /*log*/) {
+    if (!m_dir) return false;
+    return readEntry();
+}
+
+void _vqFileIterator::closeDirectory() {
+    if (m_dir) ::closedir(static_cast<DIR*>(m_dir));
+    m_dir = nullptr;
+    m_hasEntry = false;
+    m_name.clear();
+    m_isDir = false;
+}
+
+bool _vqFileIterator::readEntry() {
+    DIR* dir = static_cast<DIR*>(m_dir);
+    struct dirent* entry = ::readdir(dir);
+    if (!entry) {
+        m_hasEntry = false;
+        m_name.clear();
+        m_isDir = false;
+        return false;
+    }
+    m_name = entry->d_name;
+    if (entry->d_type == DT_UNKNOWN) {
+        // Some file systems do not fill in the type; ask for it without
+        // following a link, so a link to a directory stays a non-directory.
+        struct stat st;
+        m_isDir = ::fstatat(::dirfd(dir), entry->d_name, &st, AT_SYMLINK_NOFOLLOW) == 0 &&
+                  S_ISDIR(st.st_mode);
+    } else {
+        m_isDir = entry->d_type == DT_DIR;
+    }
+    m_hasEntry = true;
+    return true;
+}
+
+}  // namespace scpkit

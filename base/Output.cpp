@@ -1,0 +1,125 @@
+#include "base/Output.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <new>
+
+#include "base/DataBuffer.h"
+#include "base/FileTime.h"
+#include "base/LogBase.h"
+#include "base/Progress.h"
+
+namespace scpkit {
+
+bool _vqOutput::writeBytes(const unsigned char* data, size_t numBytes, ProgressMonitor* pm,
+                           LogBase& log) {
+    if (numBytes == 0) return true;
+    if (!writeImpl(data, numBytes, log)) return false;
+    if (m_reportsProgress && pm) {
+        // True means the application asked to stop.
+        if (pm->consumeProgress(static_cast<int64_t>(numBytes), &log)) return false;
+    }
+    return true;
+}
+
+void OutputDataBuffer::resetOutput(LogBase& /*log*/) {
+    if (m_buffer) m_buffer->clear();
+}
+
+bool OutputDataBuffer::writeImpl(const unsigned char* data, size_t numBytes, LogBase& log) {
+    if (!m_buffer) {
+        log.LogError("No buffer to write to.");
+        return false;
+    }
+    if (m_buffer->append(data, numBytes)) return true;
+    log.LogError("Failed to append to the memory buffer.");
+    return false;
+}
+
+OutputFile* OutputFile::createFileUtf8(const char* path, LogBase& log) {
+    if (!path) return nullptr;
+    // O_NONBLOCK keeps the open from waiting on a fifo without a reader; it
+    // is cleared at once, so writes block as usual.
+    int fd = ::open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, 0666);
+    if (fd < 0) {
+        int err = errno;
+        log.LogError("Failed to create local file.");
+        log.LogData("localFilePath", path);
+        log.LogData("osError", std::strerror(err));
+        return nullptr;
+    }
+    int flags = ::fcntl(fd, F_GETFL);
+    if (flags >= 0) ::fcntl(fd, F_SETFL, flags & ~O_NONBLOCK);
+    OutputFile* out = new (std::nothrow) OutputFile(fd);
+    if (!out) {
+        ::close(fd);
+        log.LogError("Out of memory.");
+    }
+    return out;
+}
+
+OutputFile::~OutputFile() {
+    closeHandle();
+}
+
+bool OutputFile::setFileTimeUtc_3(const VostrelFileTime& /*creation*/,
+                                  const VostrelFileTime& lastAccess, const VostrelFileTime& lastMod,
+                                  LogBase* log) {
+    if (m_fd < 0) {
+        if (log) log->LogError("Cannot set the times of a closed file.");
+        return false;
+    }
+    struct timespec times[2];
+    times[0].tv_sec = static_cast<time_t>(lastAccess.toUnixTime64());
+    times[0].tv_nsec = 0;
+    times[1].tv_sec = static_cast<time_t>(lastMod.toUnixTime64());
+    times[1].tv_nsec = 0;
+    if (::futimens(m_fd, times) == 0) return true;
+    if (log) {
+        int err = errno;
+        log->LogError("Failed to set the local file's times.");
+        log->LogData("osError", std::strerror(err));
+    }
+    return false;
+}
+
+void OutputFile::closeHandle() {
+    if (m_fd >= 0) ::close(m_fd);
+    m_fd = -1;
+}
+
+void OutputFile::resetOutput(LogBase& log) {
+    if (m_fd < 0) return;
+    if (::ftruncate(m_fd, 0) != 0 || ::lseek(m_fd, 0, SEEK_SET) < 0) {
+        int err = errno;
+        log.LogError("Failed to truncate the local file.");
+        log.LogData("osError", std::strerror(err));
+    }
+}
+
+bool OutputFile::writeImpl(const unsigned char* data, size_t numBytes, LogBase& log) {
+    if (m_fd < 0) {
+        log.LogError("The local file is closed.");
+        return false;
+    }
+    while (numBytes > 0) {
+        ssize_t n = ::write(m_fd, data, numBytes);
+        if (n <= 0) {
+            if (n < 0 && errno == EINTR) continue;
+            // A write that moves nothing would only repeat itself.
+            int err = n < 0 ? errno : EIO;
+            log.LogError("Failed to write to the local file.");
+            log.LogData("osError", std::strerror(err));
+            return false;
+        }
+        data += n;
+        numBytes -= static_cast<size_t>(n);
+    }
+    return true;
+}
+
+}  // namespace scpkit
