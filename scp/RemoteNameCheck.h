@@ -1,0 +1,13 @@
+// Names that a server announces in "C" and "D" lines are untrusted: a
+// hostile server could use them to make a download write outside its target.
+#pragma once
+
+namespace scpkit {
+
+class StringBuffer;
+
+// True when the name is one plain path component that stays inside its
+// directory: not empty, not "." or "..", without '/' and without a NUL byte.
+bool isSafeRemoteName(const StringBuffer& name);
+
+}  // namespace scpkit

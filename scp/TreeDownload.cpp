@@ -1,0 +1,47 @@
+// Brings a local directory tree up to date from a remote one.
+#include "base/CritSec.h"
+#include "base/Logger.h"
+#include "base/Progress.h"
+#include "base/XString.h"
+#include "scp/ClsScp.h"
+
+namespace scpkit {
+
+bool ClsScp::SyncTreeDownload(XString& remoteDirRoot, XString& localDirRoot, int mode, bool recurse,
+                              ProgressEvent* progress) {
+    CritSecExitor cs(m_critSec);
+    LogContextExitor ctx(*this, "SyncTreeDownload");
+
+    // Cleared first, so that the list only ever names this run's files.
+    syncedFiles.clear();
+    if (!ssh) {
+        m_log.LogError("No SSH object has been set.  Must call UseSsh first.");
+        logSuccessFailure(false);
+        return false;
+    }
+
+    ProgressMonitorPtr pmPtr(progress, m_pollIntervalMs, m_percentScale, 0);
+    ProgressMonitor* pm = pmPtr.getPm();
+    SocketParams sp(pm);
+
+    m_log.LogDataX("remoteDirRoot", remoteDirRoot);
+    m_log.LogDataX("localDirRoot", localDirRoot);
+    m_log.LogDataLong("mode", mode);
+
+    // A first walk only sizes the work for the progress callback, so it is
+    // skipped when nobody listens.
+    if (pm &&
+        !doRemoteTraverse(true, remoteDirRoot, localDirRoot, mode, recurse, nullptr, sp, m_log)) {
+        m_log.LogError("Failed to get total size of what needs to be downloaded.");
+        logSuccessFailure(false);
+        return false;
+    }
+
+    bool ok =
+        doRemoteTraverse(false, remoteDirRoot, localDirRoot, mode, recurse, nullptr, sp, m_log);
+    if (pm) pm->consumeRemaining(&m_log);
+    logSuccessFailure(ok);
+    return ok;
+}
+
+}  // namespace scpkit

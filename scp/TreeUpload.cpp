@@ -1,0 +1,82 @@
+// Synchronises a local directory tree onto a remote directory.
+#include "base/CritSec.h"
+#include "base/Logger.h"
+#include "base/Owners.h"
+#include "base/Progress.h"
+#include "base/StringHashMap.h"
+#include "base/XString.h"
+#include "scp/ClsScp.h"
+
+namespace scpkit {
+
+bool ClsScp::SyncTreeUpload(XString& localDirRoot, XString& remoteDirRoot, int mode, bool recurse,
+                            ProgressEvent* progress) {
+    CritSecExitor cs(m_critSec);
+    LogContextExitor ctx(*this, "SyncTreeUpload");
+
+    // Emptied first, so that even a call that fails at once leaves it empty.
+    syncedFiles.clear();
+    if (!ssh) {
+        m_log.LogError("No SSH object has been set.  Must call UseSsh first.");
+        logSuccessFailure(false);
+        return false;
+    }
+
+    ProgressMonitorPtr pmPtr(progress, m_pollIntervalMs, m_percentScale, 0);
+    ProgressMonitor* pm = pmPtr.getPm();
+    SocketParams sp(pm);
+
+    m_log.LogDataX("localDirRoot", localDirRoot);
+    m_log.LogDataX("remoteDirRoot", remoteDirRoot);
+    m_log.LogDataLong("mode", mode);
+
+    // Every mode but 0 compares against what already exists remotely. The
+    // map is keyed by the path relative to the remote root.
+    ObjectOwner mapOwner;
+    StringHashMap* remoteFiles = nullptr;
+    if (mode != 0) {
+        remoteFiles = StringHashMap::createNewObject(16691);
+        if (remoteFiles) {
+            mapOwner.own(remoteFiles);
+            if (!doRemoteTraverse(true, remoteDirRoot, localDirRoot, mode, recurse, remoteFiles, sp,
+                                  m_log)) {
+                m_log.LogError("Initial remote traverse to identify existing files failed.");
+                logSuccessFailure(false);
+                return false;
+            }
+            if (sp.spAbortCheck(m_log)) {
+                logSuccessFailure(false);
+                return false;
+            }
+        }
+    }
+
+    // Sizing the work is only worth a walk when someone watches the progress.
+    if (pm) {
+        if (!doLocalTraverse(true, 0, localDirRoot, remoteDirRoot, mode, recurse, remoteFiles, sp,
+                             m_log)) {
+            m_log.LogError("local traverse to compute total cost failed.");
+            logSuccessFailure(false);
+            return false;
+        }
+        if (sp.spAbortCheck(m_log)) {
+            logSuccessFailure(false);
+            return false;
+        }
+    }
+
+    if (!recursiveUpload(localDirRoot, remoteDirRoot, mode, recurse, remoteFiles, sp, m_log)) {
+        logSuccessFailure(false);
+        return false;
+    }
+    if (sp.spAbortCheck(m_log)) {
+        logSuccessFailure(false);
+        return false;
+    }
+
+    if (pm) pm->consumeRemaining(&m_log);
+    logSuccessFailure(true);
+    return true;
+}
+
+}  // namespace scpkit

@@ -1,0 +1,108 @@
+// The real transport under ClsSsh: one libssh session and its session
+// channels. Connecting, host-key lookups and authentication are here too,
+// so that only this class (LibsshTransport.cpp, LibsshLogin.cpp) talks to
+// libssh; the policies (which key is acceptable, which user) are ClsSsh's.
+#pragma once
+
+#include <map>
+#include <memory>
+#include <string>
+
+#include "ssh/SshTransport.h"
+
+struct ssh_session_struct;
+struct ssh_channel_struct;
+
+namespace scpkit {
+
+struct LibsshConnectSettings {
+    std::string host;
+    int port = 22;  // with useSshConfig, 0 or 22 let the config's Port apply
+    int timeoutMs = 30000;
+    std::string ciphers;  // empty: AES-GCM first, then ChaCha20, then AES-CTR
+    bool useSshConfig = false;
+    std::string knownHostsPath;
+    std::string sshDir;  // holds the config file and the default keys
+};
+
+enum class KnownHostState { Known, Unknown, Changed, OtherKeyType, Error };
+
+enum class AuthOutcome { Success, Denied, Partial, Error };
+
+class LibsshTransport : public SshTransport {
+  public:
+    // The cipher preference used when none is given: AES-GCM is the fastest
+    // on CPUs with AES instructions.
+    static const char* const kDefaultCiphers;
+
+    LibsshTransport();
+    ~LibsshTransport() override;
+    LibsshTransport(const LibsshTransport&) = delete;
+    LibsshTransport& operator=(const LibsshTransport&) = delete;
+
+    // Resolves the options (and ~/.ssh/config when asked), opens the TCP
+    // connection and completes the key exchange, within settings.timeoutMs.
+    bool connect(const LibsshConnectSettings& settings, LogBase& log);
+
+    // After connect: where the settings and the config led.
+    const std::string& connectedHost() const { return m_host; }
+    int connectedPort() const { return m_port; }
+    const std::string& configUser() const { return m_configUser; }
+
+    // The server key as `ssh-keygen -l` shows it ("SHA256:" and unpadded
+    // base64) and its type name ("ssh-ed25519").
+    bool serverKeyFingerprint(std::string& sha256, std::string& keyType);
+    KnownHostState checkKnownHosts(LogBase& log);
+    // Appends the server's key to the known_hosts file.
+    bool recordServerKey(LogBase& log);
+
+    AuthOutcome authPassword(const std::string& user, const std::string& password, LogBase& log);
+    // OpenSSH or PEM private key; an empty passphrase for an unencrypted key.
+    AuthOutcome authKeyFile(const std::string& user, const std::string& path,
+                            const std::string& passphrase, LogBase& log);
+    AuthOutcome authAgent(const std::string& user, LogBase& log);
+    // The agent, then the default keys of the ssh directory and IdentityFile.
+    AuthOutcome authAuto(const std::string& user, LogBase& log);
+    bool isAuthenticated() const { return m_authenticated; }
+
+    // The user's home: $HOME when set, else the password database.
+    static std::string userHomeDir();
+    static std::string localUserName();
+
+    // ---- SshTransport ----
+    bool isConnected() override;
+    void describeServer(LogBase& log) override;
+    int openChannel(LogBase& log) override;
+    bool setEnv(int ch, const char* name, const char* value, LogBase& log) override;
+    bool exec(int ch, const char* command, LogBase& log) override;
+    long write(int ch, const unsigned char* data, size_t numBytes, int timeoutMs,
+               LogBase& log) override;
+    long read(int ch, unsigned char* buf, size_t cap, DataBuffer& stderrOut, int timeoutMs,
+              LogBase& log) override;
+    bool sendEof(int ch, LogBase& log) override;
+    bool sendClose(int ch, LogBase& log) override;
+    bool receivedEof(int ch) override;
+    bool receivedClose(int ch) override;
+    void releaseChannel(int ch) override;
+
+  private:
+    struct Channel;
+    Channel* find(int ch, LogBase* log);
+    // Processes incoming packets for at most timeoutMs (window adjustments,
+    // the peer's CLOSE). False when the session failed.
+    bool pumpSession(int timeoutMs, LogBase& log);
+    bool nothingBuffered(Channel& c);
+    AuthOutcome authResult(int rc, const char* refusal, LogBase& log);
+    void logSessionError(const char* what, LogBase& log);
+    void disconnect();
+
+    ssh_session_struct* m_session = nullptr;
+    std::map<int, std::unique_ptr<Channel>> m_channels;
+    std::string m_host;
+    int m_port = 0;
+    std::string m_configUser;
+    bool m_connected = false;
+    bool m_authenticated = false;
+};
+
+}  // namespace scpkit
