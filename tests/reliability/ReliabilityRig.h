@@ -175,8 +175,8 @@ killed-mid-upload)    # takes the times, the header and 64 KiB, dies
 stalled-upload)       # takes the times and the header, then reads nothing
     printf '\000'; line; printf '\000'; line; printf '\000'; exec sleep 30 ;;
 escapes)              # an error whose text carries terminal control sequences
-    ack; printf '\001scp: \033[31mred\033[0m \033]0;owned\007/x: denied\n'
-    printf 'scp: \033[2Jcleared\n' >&2; exit 1 ;;
+    ack; printf 'scp: \033[2Jcleared\n' >&2; sleep 0.2  # the error stream first
+    printf '\001scp: \033[31mred\033[0m \033]0;owned\007/x: denied\n'; exit 1 ;;
 *)  exec /usr/bin/scp "$@" ;;
 esac
 )SH";
