@@ -166,5 +166,50 @@ TEST(HostileServer, OverlongControlLineIsRefused) {
     }
 }
 
+// Tree downloads from servers that do not wait for answers or lie about
+// sizes (the names that escape the root are covered by the tree tests).
+TEST(HostileServer, TreeDownloadFromAServerThatDoesNotWait) {
+    TempDir dir;
+    ScriptedRig rig;
+    // Two lines in one piece, read as one: the directory's name is "x\n..",
+    // and its file y would be listed as "x" and "../y" in SyncedFiles.
+    rig.lockStep({"D0755 0 root\n", "D0755 0 x\n..\n", "C0644 1 y\n", "y" + kZero, "E\n", "E\n"});
+    XString remote("/srv/root"), local(dir.path().c_str());
+    EXPECT_FALSE(rig.scp.SyncTreeDownload(remote, local, 0, true, nullptr));
+    EXPECT_NE(lastError(rig.scp).find("Refusing an unsafe file name from the server."),
+              std::string::npos)
+        << lastError(rig.scp);
+    EXPECT_TRUE(snapshot(dir.path()).empty());
+    XString synced;
+    rig.scp.get_SyncedFiles(synced);
+    EXPECT_STREQ(synced.getUtf8(), "");
+}
+
+TEST(HostileServer, TreeSizesBeyondAnyTotalSaturate) {
+    const std::string max = "9223372036854775807";
+    ScriptedRig rig;
+    // The compute pass: two files of 2^63-1 bytes, each answered with a
+    // skip (0x01, "skip\n").
+    rig.peer(0)
+        .awaitBytes(1)
+        .send("D0755 0 root\n")
+        .awaitBytes(1)
+        .send("C0644 " + max + " a\n")
+        .awaitBytes(6)
+        .send("C0644 " + max + " b\n")
+        .awaitBytes(6)
+        .send("E\n")
+        .awaitBytes(1)
+        .eof()
+        .close();
+    rig.peer(1).eof().close();  // the download pass finds nothing
+    AbortOnCue progress;        // never aborts; makes the compute pass run
+    TempDir dir;
+    XString remote("/srv/root"), local(dir.path().c_str());
+    EXPECT_TRUE(rig.scp.SyncTreeDownload(remote, local, 0, true, &progress)) << lastError(rig.scp);
+    EXPECT_NE(lastError(rig.scp).find("totalByteCount: " + max), std::string::npos)
+        << lastError(rig.scp);
+}
+
 }  // namespace
 }  // namespace scpkit::test
