@@ -141,6 +141,11 @@ class Transfer {
         setInterruptAbortable(false);
         bar.finish();
         m_callLog.record(scp);
+        if (!ok && m_callback && !bar.unfinishedDownload().empty()) {
+            // A file cut short would look newer than its source to the next
+            // pull and never be fetched again.
+            ::unlink(bar.unfinishedDownload().c_str());
+        }
         return report(scp, ok);
     }
 

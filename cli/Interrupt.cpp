@@ -25,6 +25,10 @@ void onInterrupt(int) {
 }  // namespace
 
 void installInterruptHandler() {
+    // A shell that starts a job in the background ignores SIGINT for it;
+    // that choice stands.
+    struct sigaction old {};
+    if (sigaction(SIGINT, nullptr, &old) == 0 && old.sa_handler == SIG_IGN) return;
     struct sigaction sa {};
     sa.sa_handler = onInterrupt;
     sigemptyset(&sa.sa_mask);

@@ -32,7 +32,7 @@ bool isOctalPermission(const std::string& text) {
 
 std::string helpFooter() {
     std::ostringstream f;
-    f << "Commands:\n"
+    f << "The commands in full:\n"
          "  put  LOCAL_FILE|-  [USER@]HOST:REMOTE_PATH   upload a file (- reads standard input)\n"
          "  get  [USER@]HOST:REMOTE_PATH  LOCAL_FILE|-   download a file (- writes standard "
          "output)\n"
@@ -78,69 +78,88 @@ ParseResult parseCommandLine(const std::vector<std::string>& args, Options& o) {
     const std::string conn = "Connection";
     app.add_option("-P,--port", o.port, "Port of the SSH server (default: ssh config, else 22)")
         ->check(CLI::Range(1, 65535))
-        ->group(conn);
-    app.add_option("-i,--identity", o.identity, "Log in with this private key file")->group(conn);
+        ->group(conn)
+        ->type_name("N");
+    app.add_option("-i,--identity", o.identity, "Log in with this private key file")
+        ->group(conn)
+        ->type_name("FILE");
     auto* passphrase = app.add_option("--passphrase-env", o.passphraseEnv,
                                       "Environment variable holding the key's passphrase")
-                           ->group(conn);
+                           ->group(conn)
+                           ->type_name("VAR");
     auto* password = app.add_option("--password-env", o.passwordEnv,
                                     "Log in with the password held in this environment variable")
-                         ->group(conn);
+                         ->group(conn)
+                         ->type_name("VAR");
     app.add_option("--known-hosts", o.knownHosts, "known_hosts file (default ~/.ssh/known_hosts)")
-        ->group(conn);
+        ->group(conn)
+        ->type_name("FILE");
     app.add_option("--host-key-check", o.hostKeyCheck,
                    "yes (default), accept-new (remember unknown hosts) or no")
         ->check(CLI::IsMember({"yes", "accept-new", "no"}))
-        ->group(conn);
+        ->group(conn)
+        ->type_name("POLICY");
     app.add_flag("--no-ssh-config", noSshConfig, "Do not read ~/.ssh/config")->group(conn);
     app.add_option("--connect-timeout", o.connectTimeoutMs, "Connection timeout in milliseconds")
         ->check(CLI::NonNegativeNumber)
-        ->group(conn);
+        ->group(conn)
+        ->type_name("MS");
     app.add_option("--stall-timeout", o.stallTimeoutMs,
                    "Fail when no data moves for this many milliseconds (0: never)")
         ->check(CLI::NonNegativeNumber)
-        ->group(conn);
+        ->group(conn)
+        ->type_name("MS");
     passphrase->needs("--identity");
     password->excludes("--identity");
 
     const std::string treeGroup = "push and pull";
     app.add_option("--mode", mode, "What to copy: a mode name (below) or number; default all")
-        ->group(treeGroup);
+        ->group(treeGroup)
+        ->type_name("MODE");
     app.add_flag("--no-recurse", noRecurse, "Only the files directly in the directory")
         ->group(treeGroup);
     app.add_option("--match", match, "Copy only files matching these patterns (a;b)")
         ->allow_extra_args(false)
         ->take_all()
-        ->group(treeGroup);
+        ->group(treeGroup)
+        ->type_name("PATTERNS");
     app.add_option("--exclude", exclude, "Skip files matching these patterns")
         ->allow_extra_args(false)
         ->take_all()
-        ->group(treeGroup);
+        ->group(treeGroup)
+        ->type_name("PATTERNS");
     app.add_option("--match-dir", matchDir, "Enter only directories matching these patterns")
         ->allow_extra_args(false)
         ->take_all()
-        ->group(treeGroup);
+        ->group(treeGroup)
+        ->type_name("PATTERNS");
     app.add_option("--exclude-dir", excludeDir, "Skip directories matching these patterns")
         ->allow_extra_args(false)
         ->take_all()
-        ->group(treeGroup);
+        ->group(treeGroup)
+        ->type_name("PATTERNS");
 
     const std::string xfer = "Transfer";
     app.add_option("--env", env, "Set NAME=VALUE in the remote scp's environment")
         ->allow_extra_args(false)
         ->take_all()
-        ->group(xfer);
+        ->group(xfer)
+        ->type_name("NAME=VALUE");
     app.add_option("--chmod", o.chmod, "Give uploaded files these octal permissions (e.g. 0640)")
-        ->group(xfer);
+        ->group(xfer)
+        ->type_name("OCTAL");
     app.add_flag("--filename-only", o.filenameOnly,
                  "put: name only the file, not its directory, to the remote scp")
         ->group(xfer);
 
     const std::string out = "Output";
-    app.add_option("--log", o.logFile, "Append the log of every library call to FILE")->group(out);
+    app.add_option("--log", o.logFile, "Append the log of every library call to FILE")
+        ->group(out)
+        ->type_name("FILE");
     app.add_flag("--verbose-log", o.verboseLog, "Write detailed logs")->group(out);
     app.add_option("--debug-log", o.debugLogFile, "Write the library's log to FILE as it happens")
-        ->group(out);
+        ->group(out)
+        ->type_name("FILE");
     auto* progOn = app.add_flag("--progress", progressOn, "Always draw a progress bar")->group(out);
     app.add_flag("--no-progress", progressOff, "Never draw a progress bar")
         ->excludes(progOn)

@@ -58,12 +58,14 @@ void ProgressBar::OnNamedEvent(const char* name, const char* value) {
         // A tree download names the file about to arrive, relative to the root.
         m_label = path;
         std::string local = m_localRoot.empty() ? path : m_localRoot + "/" + path;
+        m_unfinished = local;
         int64_t finished = m_finishedBytes + kDirectoryUnits * m_directories;
         m_probe = [local, finished] {
             int64_t size = fileSize(local.c_str());
             return size < 0 ? finished : finished + size;
         };
     } else if (event == "scp-localfile-created" || event == "scp-localfile-uploaded") {
+        m_unfinished.clear();
         int64_t size = fileSize(path.c_str());
         if (size > 0) m_finishedBytes += size;
         m_label = relativeToRoot(path);
@@ -79,8 +81,7 @@ void ProgressBar::OnNamedEvent(const char* name, const char* value) {
 }
 
 std::string ProgressBar::relativeToRoot(const std::string& path) const {
-    std::string root = m_localRoot;
-    while (root.size() > 1 && root.back() == '/') root.pop_back();
+    const std::string& root = m_localRoot;
     if (!root.empty() && path == root) return std::string();
     if (!root.empty() && path.size() > root.size() && path.compare(0, root.size(), root) == 0 &&
         path[root.size()] == '/') {

@@ -28,11 +28,17 @@ class ProgressBar : public ProgressEvent {
     // every redraw; -1 when not known.
     void setDoneProbe(std::function<int64_t()> probe) { m_probe = std::move(probe); }
     // Paths in the named events are shown relative to this directory.
-    void setLocalRoot(const std::string& root) { m_localRoot = root; }
+    void setLocalRoot(const std::string& root) {
+        m_localRoot = root;
+        while (m_localRoot.size() > 1 && m_localRoot.back() == '/') m_localRoot.pop_back();
+    }
 
     void OnPercent(int percent, bool& abort) override;
     void OnPoll(bool& abort) override;
     void OnNamedEvent(const char* name, const char* value) override;
+
+    // The local file a tree download had begun and not finished, if any.
+    const std::string& unfinishedDownload() const { return m_unfinished; }
 
     // Removes the bar from the terminal.
     void finish();
@@ -51,6 +57,7 @@ class ProgressBar : public ProgressEvent {
     std::string m_label;
     std::string m_localRoot;
     std::function<int64_t()> m_probe;
+    std::string m_unfinished;
     // Tree transfers: bytes of finished files plus the library's 100 units
     // for every directory, known exactly at each finished file.
     int64_t m_finishedBytes = 0;

@@ -1,7 +1,9 @@
 // scpkit on a terminal: the progress bar is drawn in place and cleared.
 #include <gtest/gtest.h>
 
+#include <pwd.h>
 #include <sys/stat.h>
+#include <unistd.h>
 #include <fstream>
 #include <random>
 #include <sstream>
@@ -53,6 +55,38 @@ TEST(CliTerminal, ProgressBarIsDrawnAndCleared) {
     std::ostringstream copy;
     copy << in.rdbuf();
     EXPECT_TRUE(copy.str() == bytes);
+}
+
+TEST(CliTerminal, PasswordIsAskedOnTheTerminalWithoutEcho) {
+    const std::string program = SCPKIT_CLI_PATH;
+    SshdFixture& sshd = SshdFixture::shared();
+    if (!sshd.ok()) GTEST_SKIP() << "no sshd: " << sshd.error();
+    if (sshd.passwordUser().empty()) GTEST_SKIP() << "no password user";
+    struct passwd* pw = getpwnam(sshd.passwordUser().c_str());
+    ASSERT_NE(pw, nullptr);
+    std::string landed = std::string(pw->pw_dir) + "/scpkit-cli-prompt.txt";
+    std::string dir = sshd.makeScratchDir("cli-prompt");
+    mkdir((dir + "/home").c_str(), 0755);  // no keys there: the password is the way in
+    std::ofstream(dir + "/note.txt") << "typed in";
+
+    ChildProcess child;
+    ASSERT_TRUE(child.start(program,
+                            {"-P", std::to_string(sshd.port()), "--known-hosts",
+                             sshd.knownHostsPath(), "--no-ssh-config", "put", dir + "/note.txt",
+                             sshd.passwordUser() + "@127.0.0.1:scpkit-cli-prompt.txt"},
+                            {"HOME=" + dir + "/home", "SSH_AUTH_SOCK"}, "", 100));
+    const std::string prompt = sshd.passwordUser() + "@127.0.0.1's password: ";
+    child.replyWhenSeen(prompt, sshd.password() + "\n");
+    ChildResult r = child.finish(60000);
+    EXPECT_EQ(r.exitStatus, 0) << r.out;
+    EXPECT_NE(r.out.find(prompt), std::string::npos) << r.out;
+    EXPECT_EQ(r.out.find(sshd.password()), std::string::npos) << "the password was echoed";
+
+    std::ifstream in(landed);
+    std::string content;
+    std::getline(in, content);
+    EXPECT_EQ(content, "typed in");
+    unlink(landed.c_str());
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 
 #include <fcntl.h>
 #include <netinet/in.h>
+#include <pwd.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/time.h>
@@ -152,10 +153,13 @@ class CliTest : public ::testing::Test {
     // Runs scpkit with a private HOME and no agent, so nothing of the user
     // running the tests takes part.
     ChildResult scpkit(std::vector<std::string> args, const std::string& input = "",
-                       std::vector<std::string> conn = {}) {
+                       std::vector<std::string> conn = {},
+                       const std::vector<std::string>& extraEnv = {}) {
         if (conn.empty()) conn = connection();
         conn.insert(conn.end(), args.begin(), args.end());
-        return runChild(kProgram, conn, environment(), input, 60000);
+        std::vector<std::string> env = environment();
+        env.insert(env.end(), extraEnv.begin(), extraEnv.end());
+        return runChild(kProgram, conn, env, input, 60000);
     }
 
     std::vector<std::string> environment() const {
@@ -462,7 +466,9 @@ TEST_F(CliTest, LogFileHoldsTheWholeStory) {
 
 TEST_F(CliTest, ServerTextReachesTheTerminalWithoutControlCharacters) {
     // The remote scp quotes the name back in its error message.
-    std::string hostile = remoteRoot + "/no\x1b[2Jsuch\x07\x1b[31m\xc2\x9b" "file";
+    std::string hostile = remoteRoot +
+                          "/no\x1b[2Jsuch\x07\x1b[31m\xc2\x9b"
+                          "file";
     ChildResult r = scpkit({"get", remote(hostile), local + "/h"});
     EXPECT_EQ(r.exitStatus, 1);
     EXPECT_NE(r.err.find("No such file or directory"), std::string::npos) << r.err;
@@ -485,6 +491,59 @@ TEST_F(CliTest, AcceptNewRemembersTheHostKey) {
     EXPECT_CLEAN_SUCCESS(again);
 }
 
+TEST_F(CliTest, UsesTheUsersSshSetupLikeSsh) {
+    // Everything from ~/.ssh: the alias, port and user from config, the
+    // server's key from known_hosts, and a default key file.
+    writeFile(home + "/.ssh/config", "Host sandbox\n    HostName 127.0.0.1\n    Port " +
+                                         std::to_string(sshd->port()) + "\n    User " +
+                                         sshd->user() + "\n");
+    writeFile(home + "/.ssh/known_hosts", readFile(sshd->knownHostsPath()));
+    writeFile(home + "/.ssh/id_ed25519", readFile(sshd->clientKeyPath()));
+    chmod((home + "/.ssh/id_ed25519").c_str(), 0600);
+    writeFile(home + "/.ssh/id_ed25519.pub", readFile(sshd->clientKeyPath() + ".pub"));
+    writeFile(remoteRoot + "/motd", "welcome\n");
+
+    ChildResult r =
+        runChild(kProgram, {"get", "sandbox:" + remoteRoot + "/motd", "-"}, environment());
+    EXPECT_CLEAN_SUCCESS(r);
+    EXPECT_EQ(r.out, "welcome\n");
+
+    // --no-ssh-config: "sandbox" is no host name any more.
+    ChildResult plain =
+        runChild(kProgram, {"--no-ssh-config", "get", "sandbox:" + remoteRoot + "/motd", "-"},
+                 environment());
+    EXPECT_EQ(plain.exitStatus, 3) << plain.err;
+    EXPECT_EQ(plain.out, "");
+}
+
+TEST_F(CliTest, PasswordComesFromTheNamedVariable) {
+    if (sshd->passwordUser().empty()) GTEST_SKIP() << "no password user";
+    struct passwd* pw = getpwnam(sshd->passwordUser().c_str());
+    ASSERT_NE(pw, nullptr);
+    std::string landed = std::string(pw->pw_dir) + "/scpkit-cli-password.txt";
+    writeFile(local + "/f", "by password");
+    std::vector<std::string> conn = {"-P",
+                                     std::to_string(sshd->port()),
+                                     "--known-hosts",
+                                     sshd->knownHostsPath(),
+                                     "--no-ssh-config",
+                                     "--password-env",
+                                     "SCPKIT_TEST_PASSWORD"};
+    std::string target = sshd->passwordUser() + "@127.0.0.1:scpkit-cli-password.txt";
+
+    ChildResult good = scpkit({"put", local + "/f", target}, "", conn,
+                              {"SCPKIT_TEST_PASSWORD=" + sshd->password()});
+    EXPECT_CLEAN_SUCCESS(good);
+    EXPECT_EQ(readFile(landed), "by password");
+    unlink(landed.c_str());
+
+    ChildResult bad = scpkit({"put", local + "/f", target}, "", conn,
+                             {"SCPKIT_TEST_PASSWORD=not-" + sshd->password()});
+    EXPECT_EQ(bad.exitStatus, 3) << bad.err;
+    EXPECT_NE(bad.err.find("authentication failed"), std::string::npos) << bad.err;
+    EXPECT_FALSE(exists(landed));
+}
+
 TEST_F(CliTest, ProgressAppearsOnlyOnStandardErrorAndOnlyWhenAsked) {
     std::string bytes = randomBytes(4 << 20, 4);
     writeFile(local + "/big", bytes);
@@ -500,34 +559,47 @@ TEST_F(CliTest, ProgressAppearsOnlyOnStandardErrorAndOnlyWhenAsked) {
     EXPECT_EQ(forced.err.find('\n'), std::string::npos);
 }
 
-TEST_F(CliTest, CtrlCStopsAGetAndLeavesNoPartialFile) {
+TEST_F(CliTest, CtrlCStopsATransferAndLeavesNoPartialFile) {
     // A sparse remote file far too big to finish before the interrupt.
-    std::string big = remoteRoot + "/huge.img";
+    std::string tree = remoteRoot + "/big";
+    makeDirs(tree);
+    std::string big = tree + "/huge.img";
     {
         int fd = open(big.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
         ASSERT_GE(fd, 0);
         ASSERT_EQ(ftruncate(fd, off_t(8) << 30), 0);
         close(fd);
     }
-    std::string target = local + "/huge.img";
-    std::vector<std::string> args = connection();
-    args.insert(args.end(), {"get", remote(big), target});
-    ChildProcess child;
-    ASSERT_TRUE(child.start(kProgram, args, environment()));
-    bool growing = false;
-    for (int i = 0; i < 2000 && !growing; ++i) {  // at most 20 s
-        struct stat st;
-        growing = stat(target.c_str(), &st) == 0 && st.st_size > 0;
-        if (!growing) usleep(10000);
+    struct Case {
+        std::vector<std::string> args;
+        std::string partial;  // where the bytes land while the transfer runs
+    };
+    const Case cases[] = {
+        {{"get", remote(big), local + "/huge.img"}, local + "/huge.img"},
+        // A pull cleans up only with a callback, that is with the bar.
+        {{"--progress", "pull", remote(tree), local + "/tree"}, local + "/tree/huge.img"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.args[0]);
+        std::vector<std::string> args = connection();
+        args.insert(args.end(), c.args.begin(), c.args.end());
+        ChildProcess child;
+        ASSERT_TRUE(child.start(kProgram, args, environment()));
+        bool growing = false;
+        for (int i = 0; i < 2000 && !growing; ++i) {  // at most 20 s
+            struct stat st;
+            growing = stat(c.partial.c_str(), &st) == 0 && st.st_size > 0;
+            if (!growing) usleep(10000);
+        }
+        ASSERT_TRUE(growing) << "the download never started";
+        kill(child.pid(), SIGINT);
+        ChildResult r = child.finish(30000);
+        EXPECT_FALSE(r.timedOut);
+        EXPECT_EQ(r.exitStatus, 130) << r.err;
+        EXPECT_NE(r.err.find("interrupted"), std::string::npos) << r.err;
+        EXPECT_FALSE(exists(c.partial)) << "the partial file was left behind";
     }
-    ASSERT_TRUE(growing) << "the download never started";
-    kill(child.pid(), SIGINT);
-    ChildResult r = child.finish(30000);
     unlink(big.c_str());
-    EXPECT_FALSE(r.timedOut);
-    EXPECT_EQ(r.exitStatus, 130) << r.err;
-    EXPECT_NE(r.err.find("interrupted"), std::string::npos) << r.err;
-    EXPECT_FALSE(exists(target)) << "the partial file was left behind";
 }
 
 // ---- a server that shows what the remote scp received -----------------------

@@ -145,6 +145,10 @@ ChildResult ChildProcess::finish(int timeoutMs) {
             std::string& sink = p.fd == m_out ? result.out : result.err;
             if (r > 0) {
                 sink.append(buf, static_cast<size_t>(r));
+                if (!m_trigger.empty() && sink.find(m_trigger) != std::string::npos) {
+                    m_input += m_reply;
+                    m_trigger.clear();
+                }
             } else if (r == 0 || (errno != EINTR && errno != EAGAIN)) {
                 // EOF; on a terminal, EIO once the child has gone.
                 closeFd(p.fd == m_out ? m_out : m_err);

@@ -32,6 +32,13 @@ class ChildProcess {
                int terminalColumns = 0);
     pid_t pid() const { return m_pid; }
 
+    // Once `trigger` has appeared in the output, `reply` is written to the
+    // child's input (as a person answers a prompt).
+    void replyWhenSeen(const std::string& trigger, const std::string& reply) {
+        m_trigger = trigger;
+        m_reply = reply;
+    }
+
     // Feeds the input, collects the output, and waits for the exit; after
     // timeoutMs the child is killed.
     ChildResult finish(int timeoutMs);
@@ -41,6 +48,7 @@ class ChildProcess {
     int m_in = -1, m_out = -1, m_err = -1;  // m_out is the terminal's master side
     std::string m_input;
     size_t m_inputSent = 0;
+    std::string m_trigger, m_reply;
 };
 
 // start + finish in one call.

@@ -222,8 +222,10 @@ TEST(CliProgressBar, TreeEventsNameTheFileAndSizeTheTotal) {
         bool abort = false;
         bar.OnNamedEvent("scp-localdir-created", root.c_str());
         bar.OnNamedEvent("scp-begin-download", "first.bin");
+        EXPECT_EQ(bar.unfinishedDownload(), root + "/first.bin");
         bar.OnPercent(3000, abort);  // 30 %: the file and one directory's 100 units
         bar.OnNamedEvent("scp-localfile-created", file.c_str());
+        EXPECT_EQ(bar.unfinishedDownload(), "");
         EXPECT_EQ(bar.current().totalBytes, (300000 + 100) * 10 / 3);
         // Redraws wait a fifth of a second after the last one.
         usleep(250 * 1000);
