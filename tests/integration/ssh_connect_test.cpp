@@ -70,6 +70,13 @@ TEST(SshConnect, ConnectsLogsTheServerAndDisconnects) {
     ssh.Disconnect();
     EXPECT_FALSE(ssh.get_IsConnected());
     EXPECT_NE(lastErrorText(ssh).find("Disconnect:"), std::string::npos);
+
+    // The object connects again, and a second Connect replaces a live connection.
+    for (int i = 0; i < 2; ++i) {
+        ASSERT_TRUE(connect(ssh, sshd.host(), sshd.port(), sshd.knownHostsPath()))
+            << lastErrorText(ssh);
+        EXPECT_TRUE(ssh.get_IsConnected());
+    }
 }
 
 TEST(SshConnect, HostKeyPolicies) {

@@ -140,17 +140,19 @@ std::string currentUser() {
 
 // The local account for password logins, created on first use.
 bool ensurePasswordUser(std::string& error) {
-    if (!getpwnam(kPasswordUser) &&
-        runProgram({"useradd", "-m", "-s", "/bin/sh", kPasswordUser}) != 0) {
-        error = "useradd failed";
-        return false;
+    // Test programs of other worktrees may do the same at the same moment:
+    // the account database is locked while one of them writes, so retry.
+    for (int attempt = 0; attempt < 10; ++attempt) {
+        if (attempt > 0) std::this_thread::sleep_for(std::chrono::milliseconds(200));
+        if (!getpwnam(kPasswordUser) &&
+            runProgram({"useradd", "-m", "-s", "/bin/sh", kPasswordUser}) != 0)
+            continue;
+        if (runProgram({"chpasswd"}, nullptr,
+                       std::string(kPasswordUser) + ":" + kPassword + "\n") == 0)
+            return true;
     }
-    if (runProgram({"chpasswd"}, nullptr, std::string(kPasswordUser) + ":" + kPassword + "\n") !=
-        0) {
-        error = "chpasswd failed";
-        return false;
-    }
-    return true;
+    error = "cannot create the password test user (useradd/chpasswd failed)";
+    return false;
 }
 
 }  // namespace
@@ -234,7 +236,11 @@ bool SshdFixture::start(const SshdOptions& options) {
             m_error = "no free port";
             return false;
         }
+        // sshd keeps the first value of a keyword, so the caller's lines go
+        // first; a Match block must come last, as it runs to the end.
+        bool hasMatch = options.extraConfig.find("Match ") != std::string::npos;
         std::ostringstream conf;
+        if (!hasMatch) conf << options.extraConfig << "\n";
         conf << "ListenAddress 127.0.0.1\n"
              << "Port " << m_port << "\n"
              << "HostKey " << hostKey << "\n"
@@ -246,8 +252,8 @@ bool SshdFixture::start(const SshdOptions& options) {
              << "PermitRootLogin prohibit-password\n"
              << "PasswordAuthentication yes\n"
              << "KbdInteractiveAuthentication no\n"
-             << "Subsystem sftp internal-sftp\n"
-             << options.extraConfig << "\n";
+             << "Subsystem sftp internal-sftp\n";
+        if (hasMatch) conf << options.extraConfig << "\n";
         if (!writeFile(config, conf.str())) {
             m_error = "cannot write sshd_config";
             return false;

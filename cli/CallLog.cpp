@@ -1,0 +1,25 @@
+#include "cli/CallLog.h"
+
+#include "base/ClsBase.h"
+#include "base/XString.h"
+
+namespace scpkit::cli {
+
+CallLog::CallLog(const std::string& path) : m_path(path) {
+    if (!m_path.empty()) m_file = std::fopen(m_path.c_str(), "a");
+}
+
+CallLog::~CallLog() {
+    if (m_file) std::fclose(m_file);
+}
+
+void CallLog::record(ClsBase& object) {
+    if (!m_file) return;
+    XString text;
+    object.get_LastErrorText(text);
+    std::fputs(text.getUtf8(), m_file);
+    if (text.getSizeUtf8() == 0 || text.getUtf8Sb().lastChar() != '\n') std::fputc('\n', m_file);
+    std::fflush(m_file);
+}
+
+}  // namespace scpkit::cli

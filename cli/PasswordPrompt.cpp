@@ -1,0 +1,40 @@
+#include "cli/PasswordPrompt.h"
+
+#include <termios.h>
+#include <unistd.h>
+#include <cerrno>
+
+#include "cli/Interrupt.h"
+
+namespace scpkit::cli {
+
+bool readPassword(int fd, const std::string& prompt, std::string& password) {
+    password.clear();
+    struct termios saved;
+    if (!isatty(fd) || tcgetattr(fd, &saved) != 0) return false;
+    (void)!::write(2, prompt.data(), prompt.size());
+
+    struct termios quiet = saved;
+    quiet.c_lflag &= ~static_cast<tcflag_t>(ECHO);
+    quiet.c_lflag |= ECHONL;
+    rememberTerminalSettings(fd, saved);
+    tcsetattr(fd, TCSAFLUSH, &quiet);
+
+    bool gotLine = false;
+    for (;;) {
+        char c;
+        ssize_t n = ::read(fd, &c, 1);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) break;
+        if (c == '\n' || c == '\r') {
+            gotLine = true;
+            break;
+        }
+        password += c;
+    }
+    tcsetattr(fd, TCSAFLUSH, &saved);
+    forgetTerminalSettings();
+    return gotLine;
+}
+
+}  // namespace scpkit::cli

@@ -1,0 +1,21 @@
+// The [user@]host:path argument, as ssh and scp users write it. An IPv6
+// address goes in brackets: [::1]:path.
+#pragma once
+
+#include <string>
+
+namespace scpkit::cli {
+
+struct RemoteSpec {
+    std::string user;  // empty: from ~/.ssh/config or the local account
+    std::string host;  // without the brackets of an IPv6 address
+    std::string path;  // empty: the remote home directory
+};
+
+// True when `text` names a remote location. On false, `error` says why.
+bool parseRemoteSpec(const std::string& text, RemoteSpec& out, std::string& error);
+
+// The spec written back, host in brackets when it contains ':'.
+std::string formatRemoteSpec(const RemoteSpec& spec);
+
+}  // namespace scpkit::cli

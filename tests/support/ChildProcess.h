@@ -1,0 +1,59 @@
+// Runs a program as a child process for tests: standard input fed from a
+// string, standard output and error collected (or one pseudo-terminal for
+// all three), a deadline after which the child is killed by its PID.
+#pragma once
+
+#include <sys/types.h>
+#include <string>
+#include <vector>
+
+namespace scpkit::test {
+
+struct ChildResult {
+    int exitStatus = -1;  // -1 when the child did not exit normally
+    int termSignal = 0;   // the signal that ended it, if any
+    bool timedOut = false;
+    std::string out;  // standard output, or everything the terminal showed
+    std::string err;  // standard error (empty on a terminal)
+};
+
+class ChildProcess {
+  public:
+    ChildProcess() = default;
+    ~ChildProcess();  // kills and reaps a child still running
+    ChildProcess(const ChildProcess&) = delete;
+    ChildProcess& operator=(const ChildProcess&) = delete;
+
+    // env: NAME=VALUE entries set on top of this process's environment;
+    // NAME alone removes the variable. With terminalColumns > 0 the child
+    // runs on a pseudo-terminal that wide (its output lands in `out`).
+    bool start(const std::string& program, const std::vector<std::string>& args,
+               const std::vector<std::string>& env, const std::string& input = "",
+               int terminalColumns = 0);
+    pid_t pid() const { return m_pid; }
+
+    // Once `trigger` has appeared in the output, `reply` is written to the
+    // child's input (as a person answers a prompt).
+    void replyWhenSeen(const std::string& trigger, const std::string& reply) {
+        m_trigger = trigger;
+        m_reply = reply;
+    }
+
+    // Feeds the input, collects the output, and waits for the exit; after
+    // timeoutMs the child is killed.
+    ChildResult finish(int timeoutMs);
+
+  private:
+    pid_t m_pid = -1;
+    int m_in = -1, m_out = -1, m_err = -1;  // m_out is the terminal's master side
+    std::string m_input;
+    size_t m_inputSent = 0;
+    std::string m_trigger, m_reply;
+};
+
+// start + finish in one call.
+ChildResult runChild(const std::string& program, const std::vector<std::string>& args,
+                     const std::vector<std::string>& env, const std::string& input = "",
+                     int timeoutMs = 60000);
+
+}  // namespace scpkit::test

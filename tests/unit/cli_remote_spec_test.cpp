@@ -1,0 +1,75 @@
+// The [user@]host:path argument of the scpkit program.
+#include <gtest/gtest.h>
+
+#include "cli/RemoteSpec.h"
+
+namespace scpkit::test {
+namespace {
+
+using cli::RemoteSpec;
+
+struct SpecCase {
+    const char* text;
+    bool ok;
+    const char* user;
+    const char* host;
+    const char* path;
+};
+
+TEST(CliRemoteSpec, ParsesWhatSshUsersWrite) {
+    const SpecCase cases[] = {
+        {"host:file", true, "", "host", "file"},
+        {"host:", true, "", "host", ""},
+        {"alice@host:/srv/x", true, "alice", "host", "/srv/x"},
+        {"host:/a:b", true, "", "host", "/a:b"},  // later colons belong to the path
+        {"host:a@b", true, "", "host", "a@b"},
+        {"first.last@example.com@host:p", true, "first.last@example.com", "host", "p"},
+        {"[::1]:/tmp/x", true, "", "::1", "/tmp/x"},
+        {"bob@[fe80::1%eth0]:dir/", true, "bob", "fe80::1%eth0", "dir/"},
+        {"[2001:db8::5]:", true, "", "2001:db8::5", ""},
+        {"127.0.0.1:x y", true, "", "127.0.0.1", "x y"},
+        // local paths and malformed arguments
+        {"file.txt", false, "", "", ""},
+        {"./a:b", false, "", "", ""},
+        {"/abs/a:b", false, "", "", ""},
+        {"dir/host:x", false, "", "", ""},
+        {":path", false, "", "", ""},
+        {"@host:path", false, "", "", ""},
+        {"alice@:path", false, "", "", ""},
+        {"[::1]/x:y", false, "", "", ""},
+        {"[::1:path", false, "", "", ""},
+        {"[]:path", false, "", "", ""},
+        {"ho st:path", false, "", "", ""},
+        {"host\x1b[2J:path", false, "", "", ""},
+        {"a]b:path", false, "", "", ""},
+    };
+    for (const SpecCase& c : cases) {
+        SCOPED_TRACE(c.text);
+        RemoteSpec spec;
+        std::string error;
+        ASSERT_EQ(cli::parseRemoteSpec(c.text, spec, error), c.ok) << error;
+        if (!c.ok) {
+            EXPECT_FALSE(error.empty());
+            continue;
+        }
+        EXPECT_EQ(spec.user, c.user);
+        EXPECT_EQ(spec.host, c.host);
+        EXPECT_EQ(spec.path, c.path);
+    }
+}
+
+TEST(CliRemoteSpec, FormatsBackToAnArgumentThatParsesTheSame) {
+    const char* texts[] = {"host:f", "u@host:/a b", "[::1]:x", "u@[2001:db8::1]:", "h:a:b"};
+    for (const char* text : texts) {
+        RemoteSpec spec, again;
+        std::string error;
+        ASSERT_TRUE(cli::parseRemoteSpec(text, spec, error)) << text;
+        std::string formatted = cli::formatRemoteSpec(spec);
+        EXPECT_EQ(formatted, text);
+        ASSERT_TRUE(cli::parseRemoteSpec(formatted, again, error));
+        EXPECT_EQ(again.host, spec.host);
+    }
+}
+
+}  // namespace
+}  // namespace scpkit::test
