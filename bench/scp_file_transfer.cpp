@@ -72,10 +72,30 @@ long long fileSize(const std::string& path) {
     return stat(path.c_str(), &st) == 0 ? static_cast<long long>(st.st_size) : -1;
 }
 
+// CPU seconds (user + system) of this process, or of its reaped children.
+double cpuSeconds(int who) {
+    struct rusage u;
+    getrusage(who, &u);
+    return u.ru_utime.tv_sec + u.ru_stime.tv_sec + (u.ru_utime.tv_usec + u.ru_stime.tv_usec) / 1e6;
+}
+
 double timeShell(const std::string& command) {
     Clock::time_point start = Clock::now();
     int rc = std::system(command.c_str());
     return rc == 0 ? seconds(start) : -1;
+}
+
+// Peak resident memory of a command in MiB, as /usr/bin/time reports it
+// (the largest of the command and the processes it waited for); -1 when
+// unavailable.
+double peakMiBOf(const std::string& command, const std::string& scratch) {
+    if (access("/usr/bin/time", X_OK) != 0) return -1;
+    std::string report = scratch + "/time-report";
+    if (std::system(("/usr/bin/time -f %M -o " + report + " " + command).c_str()) != 0) return -1;
+    std::ifstream in(report);
+    long kib = -1;
+    in >> kib;
+    return kib < 0 ? -1 : kib / 1024.0;
 }
 
 double median(std::vector<double> v) {
@@ -162,13 +182,16 @@ int main(int argc, char** argv) {
     std::printf("payload %lld MiB, %d rounds, cipher %s, load average %s\n", mib, rounds,
                 cipher.c_str(), loadAverage().c_str());
     std::vector<double> kitUp, kitDown, sshUp, sshDown, sshFixed;
+    std::vector<double> kitUpCpu, kitDownCpu, sshUpCpu, sshDownCpu;
     for (int r = 0; r < rounds; ++r) {
         if (up) {
             unlink(remoteCopy.c_str());
             XString l(source.c_str()), rp(remoteCopy.c_str());
+            double cpu = cpuSeconds(RUSAGE_SELF);
             Clock::time_point start = Clock::now();
             bool ok = scp.UploadFile(l, rp);
             double t = seconds(start);
+            kitUpCpu.push_back(cpuSeconds(RUSAGE_SELF) - cpu);
             if (!ok || fileSize(remoteCopy) != bytes) {
                 lastError(scp);
                 return 1;
@@ -180,9 +203,11 @@ int main(int argc, char** argv) {
         if (down) {
             unlink(localCopy.c_str());
             XString rp(remoteCopy.c_str()), l(localCopy.c_str());
+            double cpu = cpuSeconds(RUSAGE_SELF);
             Clock::time_point start = Clock::now();
             bool ok = scp.DownloadFile(rp, l);
             double t = seconds(start);
+            kitDownCpu.push_back(cpuSeconds(RUSAGE_SELF) - cpu);
             if (!ok || fileSize(localCopy) != bytes) {
                 lastError(scp);
                 return 1;
@@ -200,12 +225,16 @@ int main(int argc, char** argv) {
             if (up) {
                 std::string target = dir + "/scp-uploaded";
                 unlink(target.c_str());
+                double cpu = cpuSeconds(RUSAGE_CHILDREN);
                 sshUp.push_back(timeShell(scpBase + source + " " + remote + target));
+                sshUpCpu.push_back(cpuSeconds(RUSAGE_CHILDREN) - cpu);
                 unlink(target.c_str());
             }
             if (down) {
                 std::string target = dir + "/scp-downloaded";
+                double cpu = cpuSeconds(RUSAGE_CHILDREN);
                 sshDown.push_back(timeShell(scpBase + remote + remoteCopy + " " + target));
+                sshDownCpu.push_back(cpuSeconds(RUSAGE_CHILDREN) - cpu);
                 unlink(target.c_str());
             }
         }
@@ -213,21 +242,37 @@ int main(int argc, char** argv) {
     }
 
     auto report = [&](const char* what, const std::vector<double>& kit,
-                      const std::vector<double>& ossh) {
+                      const std::vector<double>& kitCpu, const std::vector<double>& ossh,
+                      const std::vector<double>& osshCpu) {
         double k = median(kit);
-        std::printf("%-9s scpkit %8.1f MB/s (%.2f s)", what, mbPerSec(bytes, k), k);
+        std::printf("%-9s scpkit %8.1f MB/s (%.2f s, client CPU %.2f s)", what, mbPerSec(bytes, k),
+                    k, median(kitCpu));
         if (!ossh.empty()) {
             double o = median(ossh);
             double net = o - median(sshFixed);
-            std::printf(
-                " | scp -O %8.1f MB/s (%.2f s), net of login %8.1f MB/s | ratio %.2f (net %.2f)",
-                mbPerSec(bytes, o), o, mbPerSec(bytes, net), o / k, net / k);
+            std::printf(" | scp -O %8.1f MB/s (%.2f s, client CPU %.2f s)", mbPerSec(bytes, o), o,
+                        median(osshCpu));
+            std::printf(" | net of login %.1f MB/s | ratio %.2f (net %.2f)", mbPerSec(bytes, net),
+                        o / k, net / k);
         }
         std::printf("\n");
     };
-    if (up) report("upload", kitUp, sshUp);
-    if (down) report("download", kitDown, sshDown);
-    if (openssh) std::printf("scp -O of 1 byte (connection and login): %.3f s\n", median(sshFixed));
+    if (up) report("upload", kitUp, kitUpCpu, sshUp, sshUpCpu);
+    if (down) report("download", kitDown, kitDownCpu, sshDown, sshDownCpu);
+    if (openssh) {
+        std::printf("scp -O of 1 byte (connection and login): %.3f s\n", median(sshFixed));
+        // One more run of each direction, for its memory only.
+        std::string target = dir + "/scp-memory";
+        if (up) {
+            std::printf("scp -O upload peak resident memory: %.1f MiB\n",
+                        peakMiBOf(scpBase + source + " " + remote + target, dir));
+        }
+        if (down) {
+            std::printf("scp -O download peak resident memory: %.1f MiB\n",
+                        peakMiBOf(scpBase + remote + remoteCopy + " " + target, dir));
+        }
+        unlink(target.c_str());
+    }
 
     struct rusage usage;
     getrusage(RUSAGE_SELF, &usage);
