@@ -7,10 +7,10 @@
 // round measures: channelSendNFromSource of the file to `cat > /dev/null`,
 // channelReadNToOutput of `head -c N /dev/zero` into a discarding output,
 // and `ssh -c CIPHER ... 'cat > /dev/null' < file` and
-// `ssh -c CIPHER ... 'head -c N /dev/zero' > /dev/null`. The ssh rates are
-// also given net of the cost of `ssh ... true` measured in the same round
-// (connection, login and remote start, which the ClsSsh figures leave out
-// except for the remote start).
+// `ssh -c CIPHER ... 'head -c N /dev/zero' > /dev/null`. Each is also given
+// net of its fixed cost, measured in the same round: for ClsSsh a channel
+// that runs `true` (open, exec, remote start, CLOSE), for ssh `ssh ... true`
+// (also connection and login).
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -106,6 +106,18 @@ double scpkitDownload(ClsSsh& ssh, long long bytes, _vqLogger& log) {
     return ok ? seconds(start) : -1;
 }
 
+// A channel that runs a command which says nothing: the fixed cost of a run.
+double scpkitRun(ClsSsh& ssh, const char* command, _vqLogger& log) {
+    SocketParams sp(nullptr);
+    Clock::time_point start = Clock::now();
+    int ch = ssh.openSessionChannel(sp, log);
+    XString cmd(command);
+    SshReadParams rp;
+    bool ok = ch >= 0 && ssh.sendReqExec(ch, cmd, sp, log) &&
+              ssh.channelReceiveUntilCondition(ch, 1, rp, sp, log);
+    return ok ? seconds(start) : -1;
+}
+
 double timeShell(const std::string& command) {
     Clock::time_point start = Clock::now();
     int rc = std::system(command.c_str());
@@ -170,30 +182,38 @@ int main(int argc, char** argv) {
                 cipher.c_str(), rounds, sshd.port());
     std::printf("ssh up:   %s\nssh down: %s\n", sshUp.c_str(), sshDown.c_str());
     std::printf("load average before: %s\n", loadAverage().c_str());
-    std::printf("%-6s %12s %12s %12s %12s %12s %12s  (MB/s)\n", "round", "scpkit up", "scpkit down",
-                "ssh up", "ssh down", "ssh up net", "ssh down net");
-    std::vector<double> rates[6];
+    const char* columns[] = {"scpkit up",  "scpkit down",  "ssh up",  "ssh down",
+                             "scpkit up*", "scpkit down*", "ssh up*", "ssh down*"};
+    std::printf("MB/s; * = net of the fixed cost\n%-6s", "round");
+    for (const char* c : columns) std::printf(" %12s", c);
+    std::printf("\n");
+    std::vector<double> rates[8];
     for (int r = 1; r <= rounds; ++r) {
         _vqLogger log;
         double t[4] = {scpkitUpload(ssh, file, bytes, log), scpkitDownload(ssh, bytes, log),
                        timeShell(sshUp), timeShell(sshDown)};
-        double overhead = timeShell(sshTrue);
-        double all[6] = {t[0], t[1], t[2], t[3], t[2] - overhead, t[3] - overhead};
-        if (overhead <= 0) all[4] = all[5] = -1;
+        double scpkitFixed = scpkitRun(ssh, "true", log);
+        double sshFixed = timeShell(sshTrue);
+        double fixed[4] = {scpkitFixed, scpkitFixed, sshFixed, sshFixed};
         std::printf("%-6d", r);
-        for (int k = 0; k < 6; ++k) {
-            if (all[k] <= 0 || t[k % 4] <= 0) {
+        for (int k = 0; k < 8; ++k) {
+            double secs = k < 4 ? t[k] : t[k - 4] - fixed[k - 4];
+            if (t[k % 4] <= 0 || (k >= 4 && fixed[k - 4] <= 0)) {
                 std::printf(" %12s", "failed");
                 continue;
             }
-            double rate = static_cast<double>(bytes) / 1e6 / all[k];
+            if (secs <= 0) {  // the fixed cost varied more than the transfer took
+                std::printf(" %12s", "n/a");
+                continue;
+            }
+            double rate = static_cast<double>(bytes) / 1e6 / secs;
             rates[k].push_back(rate);
             std::printf(" %12.0f", rate);
         }
-        std::printf("   (ssh true: %.3f s)\n", overhead);
+        std::printf("   (fixed: scpkit %.3f s, ssh %.3f s)\n", scpkitFixed, sshFixed);
         std::string text;
         log.renderText(text);
-        if (t[0] <= 0 || t[1] <= 0) std::fprintf(stderr, "%s\n", text.c_str());
+        if (t[0] <= 0 || t[1] <= 0 || scpkitFixed <= 0) std::fprintf(stderr, "%s\n", text.c_str());
     }
     std::printf("%-6s", "median");
     for (auto& r : rates) std::printf(" %12.0f", median(r));

@@ -160,7 +160,12 @@ class Transfer {
                                    std::strerror(errno));
                         return kExitTransferFailed;
                     }
-                } else if (regularFileSize(m_o.local) < 0) {
+                } else if (isDirectory(m_o.local)) {
+                    printError(stripControlChars(m_o.local) +
+                               " is a directory: push copies directories");
+                    return kExitTransferFailed;
+                } else if (regularFileSize(m_o.local) < 0 ||
+                           ::access(m_o.local.c_str(), R_OK) != 0) {
                     printError("not a readable file: " + stripControlChars(m_o.local));
                     return kExitTransferFailed;
                 }

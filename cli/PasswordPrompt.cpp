@@ -12,13 +12,15 @@ bool readPassword(int fd, const std::string& prompt, std::string& password) {
     password.clear();
     struct termios saved;
     if (!isatty(fd) || tcgetattr(fd, &saved) != 0) return false;
-    (void)!::write(2, prompt.data(), prompt.size());
 
+    // Echo goes off before the prompt appears, so nothing typed in answer
+    // to it can show; what was typed before it is dropped.
     struct termios quiet = saved;
     quiet.c_lflag &= ~static_cast<tcflag_t>(ECHO);
     quiet.c_lflag |= ECHONL;
     rememberTerminalSettings(fd, saved);
     tcsetattr(fd, TCSAFLUSH, &quiet);
+    (void)!::write(2, prompt.data(), prompt.size());
 
     bool gotLine = false;
     for (;;) {
@@ -32,7 +34,7 @@ bool readPassword(int fd, const std::string& prompt, std::string& password) {
         }
         password += c;
     }
-    tcsetattr(fd, TCSAFLUSH, &saved);
+    tcsetattr(fd, TCSANOW, &saved);
     forgetTerminalSettings();
     return gotLine;
 }

@@ -15,7 +15,7 @@ struct RemoteSpec {
 // True when `text` names a remote location. On false, `error` says why.
 bool parseRemoteSpec(const std::string& text, RemoteSpec& out, std::string& error);
 
-// The spec written back, host in brackets when it contains ':'.
+// The argument written back, the host in brackets when it contains a colon.
 std::string formatRemoteSpec(const RemoteSpec& spec);
 
 }  // namespace scpkit::cli

@@ -34,7 +34,7 @@ TEST(CliTerminal, ProgressBarIsDrawnAndCleared) {
                              "--known-hosts", sshd.knownHostsPath(), "--no-ssh-config", "put",
                              dir + "/movie.mkv", sshd.user() + "@127.0.0.1:" + dir + "/copy.mkv"},
                             {"HOME=" + dir + "/home", "SSH_AUTH_SOCK"}, "", 100));
-    ChildResult r = child.finish(60000);
+    ChildResult r = child.finish(20000);
     ASSERT_EQ(r.exitStatus, 0) << r.out;
 
     const std::string& screen = r.out;
@@ -77,7 +77,7 @@ TEST(CliTerminal, PasswordIsAskedOnTheTerminalWithoutEcho) {
                             {"HOME=" + dir + "/home", "SSH_AUTH_SOCK"}, "", 100));
     const std::string prompt = sshd.passwordUser() + "@127.0.0.1's password: ";
     child.replyWhenSeen(prompt, sshd.password() + "\n");
-    ChildResult r = child.finish(60000);
+    ChildResult r = child.finish(20000);
     EXPECT_EQ(r.exitStatus, 0) << r.out;
     EXPECT_NE(r.out.find(prompt), std::string::npos) << r.out;
     EXPECT_EQ(r.out.find(sshd.password()), std::string::npos) << "the password was echoed";

@@ -396,6 +396,12 @@ TEST_F(CliTest, ExitStatusesTellWhatWentWrong) {
          1,
          "no-such-file",
          false},
+        {"a directory given to put",
+         {},
+         {"put", local, remote(remoteRoot + "/x")},
+         1,
+         "push copies directories",
+         false},
         {"local directory missing",
          {},
          {"get", remote(remoteRoot + "/x"), local + "/no/dir/file"},
@@ -462,6 +468,18 @@ TEST_F(CliTest, LogFileHoldsTheWholeStory) {
     EXPECT_NE(log.find("--DownloadFile"), std::string::npos);
     EXPECT_NE(log.find("No such file or directory"), std::string::npos);
     EXPECT_NE(log.find("Failed."), std::string::npos);
+    EXPECT_EQ(log.find("fileSize:"), std::string::npos) << "not verbose unless asked";
+
+    // A successful call, logged in detail, and the library's own debug file.
+    writeFile(remoteRoot + "/present", "12345");
+    std::string verbosePath = dir + "/verbose.log", debugPath = dir + "/debug.log";
+    ChildResult ok = scpkit({"--log", verbosePath, "--verbose-log", "--debug-log", debugPath,
+                             "get", remote(remoteRoot + "/present"), local + "/present"});
+    EXPECT_CLEAN_SUCCESS(ok);
+    std::string verbose = readFile(verbosePath);
+    EXPECT_NE(verbose.find("fileSize: 5"), std::string::npos) << verbose;
+    EXPECT_NE(verbose.find("Success."), std::string::npos);
+    EXPECT_NE(readFile(debugPath).find("DownloadFile"), std::string::npos);
 }
 
 TEST_F(CliTest, ServerTextReachesTheTerminalWithoutControlCharacters) {

@@ -4,14 +4,12 @@
 // transfer. The server runs as the test user on this machine, so remote
 // paths are checked directly on disk.
 #include <gtest/gtest.h>
-#include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <utime.h>
 
-#include <cstdio>
+#include <cstdlib>
 #include <fstream>
-#include <memory>
 #include <random>
 #include <string>
 #include <vector>
@@ -27,24 +25,17 @@
 namespace scpkit {
 namespace {
 
-using test::fileMode;
-using test::fileMtime;
+using test::expectLog;
 using test::lastErrorText;
-using test::pathExists;
 using test::readWholeFile;
 using test::writeWholeFile;
 
-bool contains(const std::string& text, const std::string& part) {
-    return text.find(part) != std::string::npos;
-}
-
-// Writes `size` pseudo-random bytes, in blocks so large files stay cheap.
+// Pseudo-random bytes in 128 KiB blocks, so that large files stay cheap.
 bool writeRandomFile(const std::string& path, size_t size, unsigned seed) {
     std::ofstream f(path, std::ios::binary | std::ios::trunc);
     std::mt19937_64 gen(seed);
-    std::vector<uint64_t> block(1 << 14);  // 128 KiB
-    size_t left = size;
-    while (left > 0) {
+    std::vector<uint64_t> block(1 << 14);
+    for (size_t left = size; left > 0;) {
         for (auto& w : block) w = gen();
         size_t n = std::min(left, block.size() * sizeof(uint64_t));
         f.write(reinterpret_cast<const char*>(block.data()), static_cast<std::streamsize>(n));
@@ -53,41 +44,31 @@ bool writeRandomFile(const std::string& path, size_t size, unsigned seed) {
     return static_cast<bool>(f);
 }
 
-// FNV-1a over the whole file, read in 1 MiB blocks; -1 when unreadable.
-long long fileDigest(const std::string& path) {
+// FNV-1a of the whole file with its size; "" when unreadable.
+std::string fileDigest(const std::string& path) {
     std::ifstream f(path, std::ios::binary);
-    if (!f) return -1;
-    uint64_t h = 1469598103934665603ull;
+    if (!f) return "";
+    uint64_t h = 1469598103934665603ull, n = 0;
     std::vector<char> buf(1 << 20);
-    while (f) {
-        f.read(buf.data(), static_cast<std::streamsize>(buf.size()));
-        for (std::streamsize i = 0; i < f.gcount(); ++i) {
-            h ^= static_cast<unsigned char>(buf[static_cast<size_t>(i)]);
-            h *= 1099511628211ull;
-        }
+    while (f.read(buf.data(), static_cast<std::streamsize>(buf.size())) || f.gcount() > 0) {
+        for (std::streamsize i = 0; i < f.gcount(); ++i, ++n)
+            h = (h ^ static_cast<unsigned char>(buf[static_cast<size_t>(i)])) * 1099511628211ull;
     }
-    return static_cast<long long>(h & 0x7fffffffffffffffull);
+    return std::to_string(n) + ":" + std::to_string(h);
 }
 
-std::string homeDir() {
-    const char* home = getenv("HOME");
-    return home ? home : "/root";
-}
-
-// Asks to abort once the transfer passes a given percentage.
+// Asks to abort from the first percentage at or past `at`.
 class AbortAt : public ProgressEvent {
   public:
-    explicit AbortAt(int percent) : m_at(percent) {}
+    explicit AbortAt(int at) : m_at(at) {}
     void OnPercent(int percent, bool& abort) override {
-        if (percent >= m_at && m_abortedAt < 0) m_abortedAt = percent;
-        if (m_abortedAt >= 0) abort = true;
+        if (percent >= m_at && abortedAt < 0) abortedAt = percent;
+        abort = abortedAt >= 0;
     }
-    // The percentage at which the abort was first asked for (-1: never).
-    int abortedAt() const { return m_abortedAt; }
+    int abortedAt = -1;
 
   private:
     int m_at;
-    int m_abortedAt = -1;
 };
 
 class ScpSingle : public ::testing::Test {
@@ -98,144 +79,107 @@ class ScpSingle : public ::testing::Test {
         ASSERT_TRUE(sshd.connectAndLogin(ssh)) << lastErrorText(ssh);
         ASSERT_TRUE(scp.UseSsh(ssh));
         dir = sshd.makeScratchDir(::testing::UnitTest::GetInstance()->current_test_info()->name());
-        ASSERT_FALSE(dir.empty());
-        ::mkdir(remoteDir().c_str(), 0755);
-        ::mkdir(localDir().c_str(), 0755);
+        ASSERT_EQ(::mkdir(path("r").c_str(), 0755) | ::mkdir(path("l").c_str(), 0755), 0);
+        const char* h = std::getenv("HOME");
+        home = h ? h : "/root";
     }
     void TearDown() override { ssh.Disconnect(); }
 
-    std::string remoteDir() const { return dir + "/remote"; }
-    std::string localDir() const { return dir + "/local"; }
-    std::string remote(const std::string& name) const { return remoteDir() + "/" + name; }
-    std::string local(const std::string& name) const { return localDir() + "/" + name; }
-
-    bool upload(const std::string& localPath, const std::string& remotePath) {
-        XString l(localPath.c_str()), r(remotePath.c_str());
+    std::string path(const std::string& name) const { return dir + "/" + name; }
+    bool upload(const std::string& local, const std::string& remote) {
+        XString l(local.c_str()), r(remote.c_str());
         return scp.UploadFile(l, r);
     }
-    bool download(const std::string& remotePath, const std::string& localPath) {
-        XString r(remotePath.c_str()), l(localPath.c_str());
+    bool download(const std::string& remote, const std::string& local) {
+        XString r(remote.c_str()), l(local.c_str());
         return scp.DownloadFile(r, l);
     }
 
     ClsSsh ssh;
     ClsScp scp;
-    std::string dir;
+    std::string dir, home;
 };
 
 TEST_F(ScpSingle, FilesOfEverySizeClassRoundTrip) {
-    const size_t sizes[] = {0, 1, 1024 * 1024, 100 * 1024 * 1024};
-    for (size_t size : sizes) {
+    for (size_t size : {size_t(0), size_t(1), size_t(1) << 20, size_t(100) << 20}) {
         SCOPED_TRACE(size);
-        std::string name = "f" + std::to_string(size);
-        ASSERT_TRUE(writeRandomFile(local(name), size, static_cast<unsigned>(size) + 1));
-        ASSERT_TRUE(upload(local(name), remote(name))) << lastErrorText(scp);
-        EXPECT_EQ(fileDigest(remote(name)), fileDigest(local(name)));
-
-        std::string back = local(name + ".back");
-        ASSERT_TRUE(download(remote(name), back)) << lastErrorText(scp);
-        EXPECT_EQ(fileDigest(back), fileDigest(local(name)));
-        struct stat st;
-        ASSERT_EQ(::stat(back.c_str(), &st), 0);
-        EXPECT_EQ(static_cast<size_t>(st.st_size), size);
-        ::unlink(remote(name).c_str());
-        ::unlink(local(name).c_str());
-        ::unlink(back.c_str());
+        std::string src = path("l/src"), up = path("r/up"), back = path("l/back");
+        ASSERT_TRUE(writeRandomFile(src, size, static_cast<unsigned>(size)));
+        ASSERT_TRUE(upload(src, up)) << lastErrorText(scp);
+        EXPECT_EQ(fileDigest(up), fileDigest(src));
+        ASSERT_TRUE(download(up, back)) << lastErrorText(scp);
+        EXPECT_EQ(fileDigest(back), fileDigest(src));
+        EXPECT_EQ(fileDigest(back).rfind(std::to_string(size) + ":", 0), 0u);
     }
 }
 
 TEST_F(ScpSingle, RemotePathForms) {
-    ASSERT_TRUE(writeWholeFile(local("src.txt"), "path forms"));
-    ::mkdir(remote("my dir").c_str(), 0755);
-
-    // A name with blanks in a directory with blanks; the caller's path keeps the directory.
-    XString l(local("src.txt").c_str()), r(remote("my dir/a b.txt").c_str());
+    ASSERT_TRUE(writeWholeFile(path("l/src"), "path forms"));
+    ASSERT_EQ(::mkdir(path("r/my dir").c_str(), 0755), 0);
+    XString l(path("l/src").c_str()), r(path("r/my dir/a b.txt").c_str());
     ASSERT_TRUE(scp.UploadFile(l, r)) << lastErrorText(scp);
-    EXPECT_EQ(std::string(r.getUtf8()), remote("my dir/"));
-    EXPECT_EQ(readWholeFile(remote("my dir/a b.txt")), "path forms");
-    ASSERT_TRUE(download(remote("my dir/a b.txt"), local("c d.txt"))) << lastErrorText(scp);
-    EXPECT_EQ(readWholeFile(local("c d.txt")), "path forms");
+    EXPECT_EQ(std::string(r.getUtf8()), path("r/my dir/"));  // shortened in place
+    ASSERT_TRUE(download(path("r/my dir/a b.txt"), path("l/c d.txt"))) << lastErrorText(scp);
+    EXPECT_EQ(readWholeFile(path("l/c d.txt")), "path forms");
 
     // A bare name lands in the login directory.
-    std::string bare = "scpkit-bare-" + std::to_string(::getpid()) + ".txt";
-    EXPECT_TRUE(upload(local("src.txt"), bare)) << lastErrorText(scp);
-    EXPECT_EQ(readWholeFile(homeDir() + "/" + bare), "path forms");
-    ::unlink((homeDir() + "/" + bare).c_str());
+    std::string bare = "scpkit-bare-" + std::to_string(::getpid());
+    EXPECT_TRUE(upload(path("l/src"), bare)) << lastErrorText(scp);
+    EXPECT_EQ(readWholeFile(home + "/" + bare), "path forms");
+    ::unlink((home + "/" + bare).c_str());
 
-    // A path ending in '/' sends an empty name, which the remote refuses.
-    EXPECT_FALSE(upload(local("src.txt"), remoteDir() + "/"));
-    EXPECT_TRUE(contains(lastErrorText(scp), "scpError:")) << lastErrorText(scp);
-}
-
-TEST_F(ScpSingle, FilenameOnlyGivesTheRemoteJustTheName) {
-    ASSERT_TRUE(writeWholeFile(local("src.txt"), "only the name"));
+    // So does the name alone with FilenameOnly, whatever the directory part.
     XString options("FilenameOnly");
     scp.put_UncommonOptions(options);
-    std::string name = "scpkit-fnonly-" + std::to_string(::getpid()) + ".txt";
-    // The directory part is not used: the file lands in the login directory.
-    EXPECT_TRUE(upload(local("src.txt"), remote(name))) << lastErrorText(scp);
-    EXPECT_FALSE(pathExists(remote(name)));
-    EXPECT_EQ(readWholeFile(homeDir() + "/" + name), "only the name");
-    ::unlink((homeDir() + "/" + name).c_str());
+    EXPECT_TRUE(upload(path("l/src"), path("r/") + bare)) << lastErrorText(scp);
+    EXPECT_FALSE(test::pathExists(path("r/") + bare));
+    EXPECT_EQ(readWholeFile(home + "/" + bare), "path forms");
+    ::unlink((home + "/" + bare).c_str());
+
+    // A path ending in '/' sends an empty name, which the remote refuses.
+    EXPECT_FALSE(upload(path("l/src"), path("r/")));
+    expectLog(lastErrorText(scp), {"scpError: "});
 }
 
-TEST_F(ScpSingle, UploadedModes) {
+TEST_F(ScpSingle, UploadedModesAndDownloadedModeAndTime) {
     struct Row {
         unsigned localMode;
         const char* override;
         unsigned remoteMode;
     };
-    const Row rows[] = {
-        {0755, "", 0755},
-        {0644, "0600", 0600},
-        {0755, " 600 ", 0600},
-    };
-    for (const Row& row : rows) {
+    for (const Row& row :
+         {Row{0755, "", 0755}, Row{0644, "0600", 0600}, Row{0755, " 600 ", 0600}}) {
         SCOPED_TRACE(row.override);
-        ASSERT_TRUE(writeWholeFile(local("m"), "mode"));
-        ASSERT_EQ(::chmod(local("m").c_str(), row.localMode), 0);
+        ASSERT_TRUE(writeWholeFile(path("l/m"), "mode"));
+        ASSERT_EQ(::chmod(path("l/m").c_str(), row.localMode), 0);
         XString o(row.override);
         scp.put_UnixPermOverride(o);
-        ::unlink(remote("m").c_str());
-        ASSERT_TRUE(upload(local("m"), remote("m"))) << lastErrorText(scp);
-        EXPECT_EQ(fileMode(remote("m")), row.remoteMode);
+        ::unlink(path("r/m").c_str());
+        ASSERT_TRUE(upload(path("l/m"), path("r/m"))) << lastErrorText(scp);
+        EXPECT_EQ(test::fileMode(path("r/m")), row.remoteMode);
     }
-}
-
-TEST_F(ScpSingle, DownloadAppliesRemoteModeAndTime) {
-    ASSERT_TRUE(writeWholeFile(remote("r.bin"), "remote"));
-    ASSERT_EQ(::chmod(remote("r.bin").c_str(), 0600), 0);
+    // The override plays no part in downloads: the remote mode and time apply.
     struct utimbuf t = {1300000500, 1300000000};
-    ASSERT_EQ(::utime(remote("r.bin").c_str(), &t), 0);
-    XString o("0777");  // plays no part in downloads
-    scp.put_UnixPermOverride(o);
-    ASSERT_TRUE(download(remote("r.bin"), local("r.bin"))) << lastErrorText(scp);
-    EXPECT_EQ(fileMode(local("r.bin")), 0600u);
-    EXPECT_EQ(fileMtime(local("r.bin")), 1300000000);
+    ASSERT_EQ(::utime(path("r/m").c_str(), &t), 0);
+    ASSERT_TRUE(download(path("r/m"), path("l/back"))) << lastErrorText(scp);
+    EXPECT_EQ(test::fileMode(path("l/back")), 0600u);
+    EXPECT_EQ(test::fileMtime(path("l/back")), 1300000000);
 }
 
-TEST_F(ScpSingle, FailedDownloads) {
-    EXPECT_FALSE(download(remote("missing"), local("missing")));
-    std::string log = lastErrorText(scp);
-    EXPECT_TRUE(
-        contains(log, "errorResponse: scp: " + remote("missing") + ": No such file or directory"))
-        << log;
-    EXPECT_FALSE(pathExists(local("missing")));
+TEST_F(ScpSingle, FailedDownloadsLeaveNoLocalFile) {
+    EXPECT_FALSE(download(path("r/missing"), path("l/missing")));
+    expectLog(lastErrorText(scp),
+              {"errorResponse: scp: " + path("r/missing") + ": No such file or directory"});
+    EXPECT_FALSE(download(path("r"), path("l/a-directory")));
+    EXPECT_EQ(test::countEntries(path("l")), 0);
 
-    EXPECT_FALSE(download(remoteDir(), local("a-directory")));
-    EXPECT_FALSE(pathExists(local("a-directory")));
-
-    ASSERT_TRUE(writeWholeFile(remote("exists"), "x"));
-    EXPECT_FALSE(download(remote("exists"), localDir() + "/no/such/dir/file"));
-    EXPECT_TRUE(contains(lastErrorText(scp), "Failed.")) << lastErrorText(scp);
+    ASSERT_TRUE(writeWholeFile(path("r/exists"), "x"));
+    EXPECT_FALSE(download(path("r/exists"), path("l/no/such/dir/file")));
+    expectLog(lastErrorText(scp), {"Failed."}, {"remotePath"});  // before any channel
 }
 
 TEST_F(ScpSingle, TextInCharsetsBothWays) {
-    struct Row {
-        const char* charset;
-        std::string bytes;  // "Grüße €" would not fit iso-8859-1, so: "Grüße"
-    };
-    const Row rows[] = {
+    const std::pair<const char*, std::string> rows[] = {
         {"utf-8",
          "Gr\xc3\xbc\xc3\x9f"
          "e"},
@@ -244,97 +188,65 @@ TEST_F(ScpSingle, TextInCharsetsBothWays) {
          "e"},
         {"utf-16le", std::string("G\0r\0\xfc\0\xdf\0e\0", 10)},
     };
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.charset);
-        XString r(remote("t.txt").c_str()), text("Grüße"), cs(row.charset);
+    for (const auto& [charset, bytes] : rows) {
+        SCOPED_TRACE(charset);
+        XString r(path("r/t.txt").c_str()), rp(path("r/t.txt").c_str()), text("Grüße"), cs(charset);
+        XString out;
         ASSERT_TRUE(scp.UploadString(r, text, cs)) << lastErrorText(scp);
-        EXPECT_EQ(readWholeFile(remote("t.txt")), row.bytes);
-
-        XString rp(remote("t.txt").c_str()), out;
+        EXPECT_EQ(readWholeFile(path("r/t.txt")), bytes);
         ASSERT_TRUE(scp.DownloadString(rp, cs, out)) << lastErrorText(scp);
         EXPECT_STREQ(out.getUtf8(), "Grüße");
     }
-    // Bytes that are not UTF-8 do not decode as UTF-8.
-    ASSERT_TRUE(writeWholeFile(remote("bad.txt"), "\xff\xfe\xfd"));
-    XString rp(remote("bad.txt").c_str()), cs("utf-8"), out;
+    ASSERT_TRUE(writeWholeFile(path("r/bad.txt"), "\xff\xfe\xfd"));
+    XString rp(path("r/bad.txt").c_str()), cs("utf-8"), out;
     EXPECT_FALSE(scp.DownloadString(rp, cs, out));
-    EXPECT_TRUE(contains(lastErrorText(scp),
-                         "Failed to convert received bytes from the indicated charset."));
+    expectLog(lastErrorText(scp), {"Failed to convert received bytes from the indicated charset."});
 }
 
-TEST_F(ScpSingle, EncodedBytesBothWays) {
+TEST_F(ScpSingle, EncodedAndBinaryDataBothWays) {
     const std::string bytes("\x00\x01\x02\xff", 4);
-    struct Row {
-        const char* encoding;
-        const char* text;
-    };
-    const Row rows[] = {{"base64", "AAEC/w=="}, {"hex", "000102FF"}};
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.encoding);
-        XString r(remote("e.bin").c_str()), text(row.text), enc(row.encoding);
+    for (const auto& [encoding, encoded] : {std::pair{"base64", "AAEC/w=="}, {"hex", "000102FF"}}) {
+        SCOPED_TRACE(encoding);
+        XString r(path("r/e").c_str()), rp(path("r/e").c_str()), text(encoded), enc(encoding), out;
         ASSERT_TRUE(scp.UploadBinaryEncoded(r, text, enc)) << lastErrorText(scp);
-        EXPECT_EQ(readWholeFile(remote("e.bin")), bytes);
-
-        XString rp(remote("e.bin").c_str()), out;
+        EXPECT_EQ(readWholeFile(path("r/e")), bytes);
         ASSERT_TRUE(scp.DownloadBinaryEncoded(rp, enc, out)) << lastErrorText(scp);
-        EXPECT_STREQ(out.getUtf8(), row.text);
+        EXPECT_STREQ(out.getUtf8(), encoded);
     }
-}
-
-TEST_F(ScpSingle, BytesAndBinDataBothWays) {
-    DataBuffer up;
-    up.append("\x00raw\xff", 5);
-    XString r(remote("raw.bin").c_str());
-    ASSERT_TRUE(scp.UploadBinary(r, up)) << lastErrorText(scp);
-    EXPECT_EQ(readWholeFile(remote("raw.bin")), std::string("\x00raw\xff", 5));
-
-    ClsBinData bd;
-    bd.getDataBuffer().appendStr("bd-data");
-    XString r2(remote("bd.bin").c_str());
+    DataBuffer up, down;
+    up.append(bytes.data(), bytes.size());
+    ClsBinData bd, into;
+    bd.getDataBuffer().appendStr("bd");
+    into.getDataBuffer().appendStr("old|");
+    down.appendStr("old|");
+    XString r1(path("r/raw").c_str()), r2(path("r/bd").c_str());
+    ASSERT_TRUE(scp.UploadBinary(r1, up)) << lastErrorText(scp);
     ASSERT_TRUE(scp.UploadBd(r2, bd)) << lastErrorText(scp);
-    EXPECT_EQ(readWholeFile(remote("bd.bin")), "bd-data");
-
+    EXPECT_EQ(readWholeFile(path("r/bd")), "bd");
     // DownloadBinary replaces what the buffer held; DownloadBd appends.
-    DataBuffer down;
-    down.appendStr("previous");
-    XString rp(remote("raw.bin").c_str());
-    ASSERT_TRUE(scp.DownloadBinary(rp, down)) << lastErrorText(scp);
-    EXPECT_TRUE(down.equals("\x00raw\xff", 5));
-
-    ClsBinData into;
-    into.getDataBuffer().appendStr("previous|");
-    XString rp2(remote("bd.bin").c_str());
+    XString rp1(path("r/raw").c_str()), rp2(path("r/bd").c_str());
+    ASSERT_TRUE(scp.DownloadBinary(rp1, down)) << lastErrorText(scp);
+    EXPECT_TRUE(down.equals(bytes.data(), bytes.size()));
     ASSERT_TRUE(scp.DownloadBd(rp2, into)) << lastErrorText(scp);
-    EXPECT_TRUE(into.getDataBuffer().equals("previous|bd-data", 16));
-
-    // An empty remote file is a valid, empty download.
-    ASSERT_TRUE(writeWholeFile(remote("empty"), ""));
-    XString re(remote("empty").c_str()), enc("hex"), encoded("x");
-    ASSERT_TRUE(scp.DownloadBinaryEncoded(re, enc, encoded)) << lastErrorText(scp);
-    EXPECT_STREQ(encoded.getUtf8(), "");
+    EXPECT_TRUE(into.getDataBuffer().equals("old|bd", 6));
 }
 
 TEST_F(ScpSingle, AbortFromProgressStopsLargeTransfers) {
-    const size_t size = 100 * 1024 * 1024;
-    ASSERT_TRUE(writeRandomFile(local("big"), size, 7));
-
-    AbortAt upAbort(10);
-    XString l(local("big").c_str()), r(remote("big").c_str());
+    ASSERT_TRUE(writeRandomFile(path("l/big"), size_t(100) << 20, 7));
+    ASSERT_TRUE(writeRandomFile(path("r/big"), size_t(100) << 20, 8));
+    XString l(path("l/big").c_str()), r(path("r/up").c_str());
+    XString rp(path("r/big").c_str()), lp(path("l/down").c_str());
+    AbortAt upAbort(10), downAbort(10);
     EXPECT_FALSE(scp.UploadFile(l, r, &upAbort));
-    EXPECT_GE(upAbort.abortedAt(), 10);
-    EXPECT_LT(upAbort.abortedAt(), 100);
-
-    ASSERT_TRUE(writeRandomFile(remote("big2"), size, 8));
-    AbortAt downAbort(10);
-    XString r2(remote("big2").c_str()), l2(local("big2").c_str());
-    EXPECT_FALSE(scp.DownloadFile(r2, l2, &downAbort));
-    EXPECT_GE(downAbort.abortedAt(), 10);
-    EXPECT_LT(downAbort.abortedAt(), 100);
-    EXPECT_FALSE(pathExists(local("big2")));
-
+    EXPECT_FALSE(scp.DownloadFile(rp, lp, &downAbort));
+    for (const AbortAt* a : {&upAbort, &downAbort}) {
+        EXPECT_GE(a->abortedAt, 10);
+        EXPECT_LT(a->abortedAt, 100);
+    }
+    EXPECT_FALSE(test::pathExists(path("l/down")));
     // The connection still serves the next transfer.
-    ASSERT_TRUE(writeWholeFile(local("after"), "still usable"));
-    EXPECT_TRUE(upload(local("after"), remote("after"))) << lastErrorText(scp);
+    ASSERT_TRUE(writeWholeFile(path("l/small"), "small"));
+    EXPECT_TRUE(upload(path("l/small"), path("r/small"))) << lastErrorText(scp);
 }
 
 }  // namespace
