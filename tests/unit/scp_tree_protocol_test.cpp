@@ -323,6 +323,7 @@ TEST(TreeDownloadProtocolTest, HostileNamesAreRefusedBeforeAnythingIsCreated) {
         {"file ..", {{inRoot, 1}, {"C0644 3 ..\n", 7}}},
         {"file ../x", {{inRoot, 1}, {"C0644 3 ../x\n", 7}}},
         {"file a/b", {{inRoot, 1}, {"C0644 3 a/b\n", 7}}},
+        {"file a/../../x", {{inRoot, 1}, {"C0644 3 a/../../x\n", 7}}},
         {"file /etc/x", {{inRoot, 1}, {"C0644 3 /etc/x\n", 7}}},
         {"empty file name", {{inRoot, 1}, {"C0644 3 \n", 7}}},
         {"file .", {{inRoot, 1}, {"C0644 3 .\n", 7}}},
