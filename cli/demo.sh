@@ -22,13 +22,12 @@ step() { printf '\n%s== %s%s\n' "$bold" "$*" "$plain"; }
 ok() { printf '   ok: %s\n' "$*"; }
 die() { printf 'demo: FAILED: %s\n' "$*" >&2; exit 1; }
 
+# shellcheck source=../tests/support/loopback_sshd.sh
+. "$(dirname "${BASH_SOURCE[0]}")/../tests/support/loopback_sshd.sh"
+
 WORK=$(mktemp -d /tmp/scpkit-demo.XXXXXX)
-SSHD_PID=
 cleanup() {
-    if [ -n "$SSHD_PID" ]; then
-        kill "$SSHD_PID" 2>/dev/null || true
-        wait "$SSHD_PID" 2>/dev/null || true
-    fi
+    loopback_sshd_stop
     rm -rf "$WORK"
 }
 trap cleanup EXIT
@@ -36,51 +35,14 @@ trap 'exit 130' INT TERM
 
 # ---- a throwaway sshd -------------------------------------------------------
 step "Starting a throwaway OpenSSH server on 127.0.0.1"
-ssh-keygen -q -t ed25519 -N '' -f "$WORK/host_key"
-ssh-keygen -q -t ed25519 -N '' -f "$WORK/client_key"
-cp "$WORK/client_key.pub" "$WORK/authorized_keys"
-mkdir -p /run/sshd
-chmod 0755 /run/sshd
-
-port_in_use() { (exec 3<>"/dev/tcp/127.0.0.1/$1") 2>/dev/null; }
-
-PORT=
-for attempt in $(seq 1 20); do
-    candidate=$((20000 + RANDOM % 40000))
-    port_in_use "$candidate" && continue
-    cat >"$WORK/sshd_config" <<CONF
-Port $candidate
-ListenAddress 127.0.0.1
-HostKey $WORK/host_key
-PidFile $WORK/sshd.pid
-AuthorizedKeysFile $WORK/authorized_keys
-UsePAM no
-StrictModes no
-PubkeyAuthentication yes
-PasswordAuthentication no
-KbdInteractiveAuthentication no
-PermitRootLogin prohibit-password
-LogLevel ERROR
-CONF
-    /usr/sbin/sshd -f "$WORK/sshd_config" -D -e 2>>"$WORK/sshd.log" &
-    SSHD_PID=$!
-    for _ in $(seq 1 50); do
-        port_in_use "$candidate" && { PORT=$candidate; break; }
-        kill -0 "$SSHD_PID" 2>/dev/null || break
-        sleep 0.1
-    done
-    [ -n "$PORT" ] && break
-    kill "$SSHD_PID" 2>/dev/null || true
-    wait "$SSHD_PID" 2>/dev/null || true
-    SSHD_PID=
-done
-[ -n "$PORT" ] || { cat "$WORK/sshd.log" >&2; die "sshd did not start"; }
-printf '[127.0.0.1]:%s %s\n' "$PORT" "$(cut -d' ' -f1,2 "$WORK/host_key.pub")" >"$WORK/known_hosts"
+mkdir "$WORK/sshd"
+loopback_sshd_start "$WORK/sshd" || die "sshd did not start"
+PORT=$SSHD_PORT
 ok "sshd (pid $SSHD_PID) listens on 127.0.0.1 port $PORT with a fresh ed25519 host key"
 
 USER_NAME=$(id -un)
 HOST="$USER_NAME@127.0.0.1"
-COMMON=(-P "$PORT" -i "$WORK/client_key" --known-hosts "$WORK/known_hosts" --no-ssh-config)
+COMMON=(-P "$PORT" -i "$SSHD_CLIENT_KEY" --known-hosts "$SSHD_KNOWN_HOSTS" --no-ssh-config)
 
 # Shows the command line, then runs the program with the bar forced on.
 scpkit() {
