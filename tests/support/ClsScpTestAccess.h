@@ -15,7 +15,6 @@ class ClsScpTestAccess {
     static bool useOverride(const ClsScp& scp) { return scp.useOverride; }
     static uint32_t overridePerms(const ClsScp& scp) { return scp.overridePerms; }
     static const StringBuffer& syncedFilesRaw(const ClsScp& scp) { return scp.syncedFiles; }
-    static int objectType(const ClsScp& scp) { return scp.get_ObjectType(); }
 
     // ---- the exchange ----
     static bool setEnvironmentVars(ClsScp& scp, int channel, SocketParams& sp, LogBase& log) {

@@ -103,16 +103,15 @@ TEST(ScpProtocol, ControlLinesEndAtALineFeed) {
 
 // The record as one line: kind, mode, size, name, and the times when known.
 std::string describe(const ScpFileInfo& i) {
-    char head[64];
-    std::snprintf(head, sizeof head, "%s %04o %lld ",
-                  i.isEndOfDir ? "E" : (i.isDirectory ? "D" : "C"), i.permissions,
-                  static_cast<long long>(i.fileSize));
-    std::string s = head + i.filename.str();
-    if (i.haveTimes) {
-        s += " @" + std::to_string(i.lastModTime.toUnixTime32()) + "," +
-             std::to_string(i.lastAccTime.toUnixTime32());
-    }
-    return s;
+    char s[300];
+    std::snprintf(s, sizeof s, "%c %04o %lld %s",
+                  i.isEndOfDir    ? 'E'
+                  : i.isDirectory ? 'D'
+                                  : 'C',
+                  i.permissions, static_cast<long long>(i.fileSize), i.filename.str().c_str());
+    if (!i.haveTimes) return s;
+    return s + (" @" + std::to_string(i.lastModTime.toUnixTime32()) + "," +
+                std::to_string(i.lastAccTime.toUnixTime32()));
 }
 
 TEST(ScpProtocol, HeaderParsing) {
@@ -132,9 +131,7 @@ TEST(ScpProtocol, HeaderParsing) {
          "Failed to parse last-mod/last-access date/times"},
         {"\x01scp: /nope: No such file or directory\n", "", false, "",
          "errorResponse: scp: /nope: No such file or directory"},
-        {"\x02"
-         "boom\n",
-         "", false, "", "Unrecognized response\n        Err_responseLine: \x02"},
+        {"\002boom\n", "", false, "", "Unrecognized response\n        Err_responseLine: \x02"},
         {"Xhello\n", "", false, "", "Err_responseLine: Xhello"},
         {"", "", false, "", "sshEof: 1\n        sshChannelClosed: 1"},
     };
