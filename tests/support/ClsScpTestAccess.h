@@ -1,6 +1,6 @@
 // White-box access to ClsScp's private steps and members for tests: one
 // static forwarding function per step, so tests drive the protocol pieces
-// one at a time on a scripted transport.
+// one at a time on a scripted transport (unit tests and fuzz targets).
 #pragma once
 
 #include <cstdint>
@@ -38,6 +38,17 @@ class ClsScpTestAccess {
     }
     static bool abortRemainder(ClsScp& scp, unsigned channel, SocketParams& sp, LogBase& log) {
         return scp.abortRemainder(channel, sp, log);
+    }
+    static bool sendScpData(ClsScp& scp, int channel, DataBuffer& data, SocketParams& sp,
+                            LogBase& log) {
+        return scp.sendScpData(channel, data, sp, log);
+    }
+    static bool consumeRecursiveResponse(ClsScp& scp, bool computeMode, unsigned channel, int mode,
+                                         bool recurse, XString& localDir, int64_t& totalByteCount,
+                                         unsigned& totalNumDirs, StringHashMap* remoteFiles,
+                                         SocketParams& sp, LogBase& log) {
+        return scp.consumeRecursiveResponse(computeMode, channel, mode, recurse, localDir,
+                                            totalByteCount, totalNumDirs, remoteFiles, sp, log);
     }
 
     // ---- selection rules ----
