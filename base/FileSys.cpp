@@ -99,6 +99,16 @@ bool FileSys::setPerm(const XString& path, unsigned perms, LogBase* log) {
 
 bool FileSys::deleteFileUtf8(const char* path, LogBase* log) {
     if (!path) return false;
+    // Only files: a device, fifo or socket named as a download's target was
+    // written through, not made, and must outlive a failed download.
+    struct stat st;
+    if (::lstat(path, &st) == 0 && !S_ISREG(st.st_mode) && !S_ISLNK(st.st_mode)) {
+        if (log) {
+            log->LogError("Not deleting a local path that is not a file.");
+            log->LogData("path", path);
+        }
+        return false;
+    }
     if (::unlink(path) == 0) return true;
     logOsError(log, "Failed to delete a local file.", path, errno);
     return false;

@@ -226,7 +226,7 @@ ParseResult parseCommandLine(const std::vector<std::string>& args, Options& o) {
     o.local = upload ? first : second;
     o.remoteText = upload ? second : first;
     std::string error;
-    if (!parseRemoteSpec(o.remoteText, o.remote, error)) return usageError(error);
+    if (!parseRemoteTarget(o.remoteText, o.remote, error)) return usageError(error);
 
     o.useSshConfig = !noSshConfig;
     o.recurse = !noRecurse;

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "cli/RemoteSpec.h"
+#include "cli/RemoteTarget.h"
 
 namespace scpkit::cli {
 
@@ -18,7 +18,7 @@ struct Options {
     // and the remote side, whatever their order on the command line.
     std::string local;
     std::string remoteText;
-    RemoteSpec remote;
+    RemoteTarget remote;
 
     // connection
     int port = 0;  // 0: not given (ssh config, else 22)

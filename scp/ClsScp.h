@@ -25,7 +25,7 @@ class _vqFileDataSource;
 class _vqOutput;
 
 class ClsScp : public ClsBase {
-public:
+  public:
     // Null on allocation failure.
     static ClsScp* createNewCls();
     ClsScp();
@@ -79,7 +79,7 @@ public:
     bool SyncTreeDownload(XString& remoteDirRoot, XString& localDirRoot, int mode, bool recurse,
                           ProgressEvent* progress = nullptr);
 
-private:
+  private:
     friend class ClsScpTestAccess;  // white-box tests of the protocol steps
 
     // command channel
@@ -111,6 +111,12 @@ private:
                              SocketParams& sp, LogBase& log);
     bool abortRemainder(unsigned channel, SocketParams& sp, LogBase& log);
 
+    // the "scp -t" channel exchange of one file, shared by UploadFile and uploadData;
+    // logOutcome says whether the exchange's own outcome is logged as the call's
+    bool uploadOverChannel(_vqDataSource& source, ScpFileInfo& info, XString& remoteDir,
+                           XString& remoteFilename, bool filenameOnly, SocketParams& sp,
+                           bool logOutcome, LogBase& log);
+
     // in-memory workers
     bool uploadData(XString& remoteFilePath, DataBuffer& data, ProgressEvent* progress);
     bool downloadData(XString& remotePath, DataBuffer& out, ProgressEvent* progress);
@@ -125,8 +131,7 @@ private:
 
     // tree traversals
     bool doRemoteTraverse(bool bComputeMode, XString& remoteDir, XString& localDir, int mode,
-                          bool recurse, StringHashMap* remoteFiles, SocketParams& sp,
-                          LogBase& log);
+                          bool recurse, StringHashMap* remoteFiles, SocketParams& sp, LogBase& log);
     bool consumeRecursiveResponse(bool bComputeMode, unsigned channel, int mode, bool recurse,
                                   XString& localDir, int64_t& totalByteCount,
                                   unsigned& totalNumDirs, StringHashMap* remoteFiles,

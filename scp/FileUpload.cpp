@@ -53,38 +53,8 @@ bool ClsScp::UploadFile(XString& localFilePath, XString& remoteFilePath, Progres
     ProgressMonitorPtr pmPtr(progress, m_pollIntervalMs, m_percentScale, info.fileSize);
     SocketParams sp(pmPtr.getPm());
 
-    int channel = ssh->openSessionChannel(sp, log);
-    if (channel < 0 || !setEnvironmentVars(channel, sp, log)) {
-        logSuccessFailure(false);
-        return false;
-    }
-
-    // The blank test looks at the directory even when the name is what is sent.
-    XString command;
-    buildScpCommand("scp -t ", filenameOnly ? remoteFilename : remoteFilePath,
-                    containsBlank(remoteFilePath), command);
-    if (!ssh->sendReqExec(channel, command, sp, log)) {
-        logSuccessFailure(false);
-        return false;
-    }
-
-    if (!sendFile(channel, source, false, info, sp, log)) {
-        if (sp.m_progressMonitor) sp.m_progressMonitor->consumeRemaining(&log);
-        logSuccessFailure(false);
-        return false;
-    }
-
-    if (log.m_verboseLogging) log.LogInfo("Waiting for the final response...");
-    DataBuffer ack;
-    OutputDataBuffer ackOut(&ack);
-    if (!waitForGo(ack, ackOut, static_cast<unsigned>(channel), sp, log)) return false;
-
-    if (!ssh->channelSendClose(channel, sp, log)) return false;
-    bool result = awaitChannelClose(*ssh, channel, sp, log);
-
-    if (sp.m_progressMonitor) sp.m_progressMonitor->consumeRemaining(&log);
-    logSuccessFailure(result);
-    return result;
+    return uploadOverChannel(source, info, remoteFilePath, remoteFilename, filenameOnly, sp, true,
+                             log);
 }
 
 }  // namespace scpkit

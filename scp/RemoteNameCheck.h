@@ -7,7 +7,7 @@ namespace scpkit {
 class StringBuffer;
 
 // True when the name is one plain path component that stays inside its
-// directory: not empty, not "." or "..", without '/' and without a NUL byte.
+// directory: not empty, not "." or "..", without '/', a NUL byte or a line feed.
 bool isSafeRemoteName(const StringBuffer& name);
 
 }  // namespace scpkit

@@ -9,6 +9,7 @@
 // announced, on which the source gives that entry up and moves on, so a
 // rejected file's data never crosses the connection.
 #include <cstdint>
+#include <limits>
 
 #include "base/DataBuffer.h"
 #include "base/ExtPtrArray.h"
@@ -24,6 +25,20 @@
 #include "ssh/ClsSsh.h"
 
 namespace scpkit {
+
+namespace {
+
+// Sizes come from the server and can be anything a signed 64-bit number
+// holds; totals of them stop at the limits instead of overflowing.
+int64_t addSaturating(int64_t a, int64_t b) {
+    if (b > 0 && a > std::numeric_limits<int64_t>::max() - b)
+        return std::numeric_limits<int64_t>::max();
+    if (b < 0 && a < std::numeric_limits<int64_t>::min() - b)
+        return std::numeric_limits<int64_t>::min();
+    return a + b;
+}
+
+}  // namespace
 
 bool ClsScp::doRemoteTraverse(bool bComputeMode, XString& remoteDir, XString& localDir, int mode,
                               bool recurse, StringHashMap* remoteFiles, SocketParams& sp,
@@ -63,8 +78,8 @@ bool ClsScp::doRemoteTraverse(bool bComputeMode, XString& remoteDir, XString& lo
         // Every directory to be created weighs 100 bytes of progress.
         uint32_t dirCost = 100u * totalNumDirs;
         if (sp.m_progressMonitor) {
-            sp.m_progressMonitor->progressReset(totalByteCount + static_cast<int64_t>(dirCost),
-                                                &log);
+            sp.m_progressMonitor->progressReset(
+                addSaturating(totalByteCount, static_cast<int64_t>(dirCost)), &log);
         }
     }
 
@@ -216,7 +231,7 @@ bool ClsScp::consumeRecursiveResponse(bool bComputeMode, unsigned channel, int m
         XString localPath;
         if (!needToDownload(mode, localDir, info, localPath, log)) return skipFile();
         if (log.m_verboseLogging) log.LogInfo("This file will be downloaded...");
-        totalByteCount += info.fileSize;
+        totalByteCount = addSaturating(totalByteCount, info.fileSize);
         // Counted, but the data never cross in the compute pass.
         if (bComputeMode) return skipFile();
 

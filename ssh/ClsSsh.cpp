@@ -35,6 +35,14 @@ constexpr size_t kMaxStderrKept = 4 * 1024 * 1024;
 // a time does not move memory on every call.
 constexpr size_t kCompactThreshold = 64 * 1024;
 
+// A transfer uses one channel at a time and its channel operations follow
+// one another closely. So a channel belongs to a transfer that has ended
+// when the thread that last used it opens a new one, or when nothing has
+// touched it for this long.
+constexpr long long kReclaimIdleMs = 1000;
+// How long to wait for the server to confirm the CLOSE of reclaimed channels.
+constexpr long long kReclaimWaitMs = 2000;
+
 long long msSince(Clock::time_point t) {
     return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - t).count();
 }
@@ -72,6 +80,13 @@ struct ClsSsh::Channel {
     bool receivedEof = false;
     bool receivedClose = false;
     bool sentClose = false;
+    Clock::time_point lastUse = Clock::now();
+    std::thread::id lastUser = std::this_thread::get_id();
+
+    void touch() {
+        lastUse = Clock::now();
+        lastUser = std::this_thread::get_id();
+    }
 
     size_t available() const { return data.getSize() - readPos; }
     const unsigned char* pending() const { return data.getData2() + readPos; }
@@ -147,7 +162,9 @@ bool ClsSsh::get_StderrToStdout() {
 
 ClsSsh::Channel* ClsSsh::findChannel(int channel) {
     auto it = m_channels.find(channel);
-    return it == m_channels.end() ? nullptr : it->second.get();
+    if (it == m_channels.end()) return nullptr;
+    it->second->touch();
+    return it->second.get();
 }
 
 unsigned char* ClsSsh::scratch() {
@@ -155,15 +172,53 @@ unsigned char* ClsSsh::scratch() {
     return m_scratch.data();
 }
 
+bool ClsSsh::isDoneWith(const Channel& ch) const {
+    return ch.lastUser == std::this_thread::get_id() || msSince(ch.lastUse) >= kReclaimIdleMs;
+}
+
 void ClsSsh::releaseFinishedChannels() {
+    LogNull quiet;
     for (auto it = m_channels.begin(); it != m_channels.end();) {
-        if (it->second->sentClose && it->second->receivedClose) {
+        Channel& ch = *it->second;
+        // A CLOSE from the server is answered with one (RFC 4254, 5.3); until
+        // then the server counts the session as open. Downloads never send
+        // their own.
+        if (ch.receivedClose && !ch.sentClose && isDoneWith(ch) && m_transport &&
+            m_transport->sendClose(it->first, quiet))
+            ch.sentClose = true;
+        if (ch.sentClose && ch.receivedClose && isDoneWith(ch)) {
             if (m_transport) m_transport->releaseChannel(it->first);
             it = m_channels.erase(it);
         } else {
             ++it;
         }
     }
+}
+
+bool ClsSsh::reclaimIdleChannels(SocketParams& sp, LogBase& log) {
+    // Those closed earlier whose confirmation was never read count too.
+    std::vector<int> closing;
+    for (auto& [id, ch] : m_channels) {
+        if (ch->sentClose && ch->receivedClose) continue;
+        if (!ch->sentClose) {
+            if (!isDoneWith(*ch) || !m_transport->sendClose(id, log)) continue;
+            ch->sentClose = true;
+        }
+        closing.push_back(id);
+    }
+    if (closing.empty()) return false;
+    log.LogInfo("Closing channels left by earlier transfers.");
+    log.LogDataLong("numChannels", static_cast<int32_t>(closing.size()));
+    Clock::time_point start = Clock::now();
+    for (int id : closing) {
+        Channel& ch = *m_channels[id];
+        while (!ch.receivedClose && msSince(start) < kReclaimWaitMs && !sp.spAbortCheck(log)) {
+            bool moved = false;  // what still arrives is discarded
+            if (pollTransport(id, ch, scratch(), kChunkSize, kSliceMs, moved, log) < 0) break;
+        }
+    }
+    releaseFinishedChannels();
+    return true;
 }
 
 void ClsSsh::logServerInfo(LogBase& log) {
@@ -184,6 +239,19 @@ int ClsSsh::openSessionChannel(SocketParams& sp, LogBase& log) {
     if (sp.spAbortCheck(log)) return -1;
     releaseFinishedChannels();
     int channel = m_transport->openChannel(log);
+    // Servers allow a few sessions per connection (OpenSSH: MaxSessions 10),
+    // and a failed transfer leaves its channel open here: once the server
+    // refuses a new one, those are closed and the open is tried again, for a
+    // little while, as the server frees a session a moment after its CLOSE.
+    if (channel < 0 && reclaimIdleChannels(sp, log)) {
+        Clock::time_point start = Clock::now();
+        LogNull quiet;
+        while (channel < 0 && msSince(start) < kReclaimWaitMs && !sp.spAbortCheck(log)) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(kSliceMs / 2));
+            channel = m_transport->openChannel(quiet);
+        }
+        if (channel < 0) channel = m_transport->openChannel(log);
+    }
     if (channel < 0) {
         log.LogError("Failed to open a session channel.");
         return -1;
@@ -243,6 +311,7 @@ long ClsSsh::pollTransport(int channel, Channel& ch, unsigned char* buf, size_t 
     DataBuffer errBytes;
     Clock::time_point start = Clock::now();
     long n = m_transport->read(channel, buf, cap, errBytes, sliceMs, log);
+    ch.touch();
     moved = n > 0;
     if (errBytes.getSize() > 0) {
         moved = true;
@@ -330,6 +399,7 @@ bool ClsSsh::writeAll(int channel, const unsigned char* data, size_t numBytes, S
         if (n > 0) {
             sent += static_cast<size_t>(n);
             lastMove = Clock::now();
+            findChannel(channel);  // marks the channel as in use
         }
     }
     return true;

@@ -109,7 +109,17 @@ class ClsSsh : public ClsBase, public RefCountedObject {
     long pollTransport(int channel, Channel& ch, unsigned char* buf, size_t cap, int sliceMs,
                        bool& moved, LogBase& log);
     unsigned char* scratch();
+    // Answers the server's CLOSE on the channels this thread is done with,
+    // and frees those closed both ways.
     void releaseFinishedChannels();
+    // True when the channel belongs to no running transfer: the calling
+    // thread used it last (and is now opening another), or nothing has
+    // touched it for a second.
+    bool isDoneWith(const Channel& ch) const;
+    // Closes the channels no operation has touched for a while (those of
+    // transfers that failed) and waits, bounded, for the server to confirm.
+    // True when at least one was closed.
+    bool reclaimIdleChannels(SocketParams& sp, LogBase& log);
 
     std::recursive_mutex m_ioMutex;  // serialises use of the transport
     std::shared_ptr<SshTransport> m_transport;

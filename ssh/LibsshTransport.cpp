@@ -432,7 +432,12 @@ bool LibsshTransport::receivedEof(int ch) {
 
 bool LibsshTransport::receivedClose(int ch) {
     Channel* c = find(ch, nullptr);
-    return c && c->peer.close && nothingBuffered(*c);
+    if (!c || !c->peer.close || !nothingBuffered(*c)) return false;
+    // A CLOSE must be answered with one, which libssh leaves to us. Without
+    // it the server keeps the session, and OpenSSH allows only MaxSessions
+    // (10 by default) per connection.
+    if (!c->sentClose && ssh_channel_close(c->handle) == SSH_OK) c->sentClose = true;
+    return true;
 }
 
 void LibsshTransport::releaseChannel(int ch) {

@@ -473,8 +473,8 @@ TEST_F(CliTest, LogFileHoldsTheWholeStory) {
     // A successful call, logged in detail, and the library's own debug file.
     writeFile(remoteRoot + "/present", "12345");
     std::string verbosePath = dir + "/verbose.log", debugPath = dir + "/debug.log";
-    ChildResult ok = scpkit({"--log", verbosePath, "--verbose-log", "--debug-log", debugPath,
-                             "get", remote(remoteRoot + "/present"), local + "/present"});
+    ChildResult ok = scpkit({"--log", verbosePath, "--verbose-log", "--debug-log", debugPath, "get",
+                             remote(remoteRoot + "/present"), local + "/present"});
     EXPECT_CLEAN_SUCCESS(ok);
     std::string verbose = readFile(verbosePath);
     EXPECT_NE(verbose.find("fileSize: 5"), std::string::npos) << verbose;
@@ -627,6 +627,10 @@ TEST(CliRemoteEnvironment, EnvAndFilenameOnlyReachTheRemoteScp) {
     char tmpl[] = "/tmp/scpkit-cli-env-XXXXXX";
     ASSERT_NE(mkdtemp(tmpl), nullptr);
     std::string root = tmpl;
+    struct RemoveAtEnd {
+        std::string path;
+        ~RemoveAtEnd() { runChild("/bin/rm", {"-rf", path}, {}); }
+    } cleanup{root};
     makeDirs(root + "/landing");
     makeDirs(root + "/home/.ssh");
     // Records the variables, then runs the requested command in a known
@@ -675,8 +679,6 @@ TEST(CliRemoteEnvironment, EnvAndFilenameOnlyReachTheRemoteScp) {
                                 sshd.user() + "@127.0.0.1:/nonexistent/dir/three.txt"});
     EXPECT_EQ(nameOnly.exitStatus, 0) << nameOnly.err;
     EXPECT_EQ(readFile(root + "/landing/three.txt"), "payload");
-
-    runChild("/bin/rm", {"-rf", root}, {});
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 // streams, EOF and CLOSE, environment requests, bulk data both ways, stall
 // timeouts and the application's abort.
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <string>
 
@@ -122,6 +123,30 @@ TEST(SshChannel, ExecKeepsTheErrorStreamApartAndReportsEofAndClose) {
     EXPECT_LT(ssh.openSessionChannel(sp, log), 0);
 }
 
+TEST(SshChannel, ManyChannelsInTurnOnOneConnection) {
+    if (geteuid() != 0) GTEST_SKIP() << "the test sshd needs root";
+    // A server that allows two sessions per connection. Like a download,
+    // none of the channels sends CLOSE itself: the server's CLOSE must be
+    // answered, or the server runs out of sessions for this connection.
+    SshdOptions options;
+    options.extraConfig = "MaxSessions 2";
+    SshdFixture sshd(options);
+    ASSERT_TRUE(sshd.ok()) << sshd.error();
+    ClsSsh ssh;
+    ASSERT_TRUE(sshd.connectAndLogin(ssh)) << lastErrorText(ssh);
+    for (int i = 0; i < 4; ++i) {
+        _vqLogger log;
+        SocketParams sp(nullptr);
+        int ch = run(ssh, "printf " + std::to_string(i), sp, log);
+        ASSERT_GE(ch, 0) << "channel " << i << "\n" << rendered(log);
+        SshReadParams rp;
+        ASSERT_TRUE(ssh.channelReceiveUntilCondition(ch, 1, rp, sp, log)) << rendered(log);
+        DataBuffer out;
+        ssh.getReceivedData(ch, out, log);
+        EXPECT_EQ(text(out), std::to_string(i));
+    }
+}
+
 TEST(SshChannel, EnvironmentRequestsAcceptedAndRefused) {
     REQUIRE_SESSION(sshd, ssh);
     _vqLogger log;
@@ -206,7 +231,7 @@ TEST(SshChannel, StalledPeerFailsWithinTheStallTimeout) {
     XString noPassphrase;
     ASSERT_TRUE(ssh.Connect(host, sshd.port()) && ssh.LoginWithKeyFile(user, key, noPassphrase))
         << lastErrorText(ssh);
-    ssh.put_StallTimeoutMs(1000);
+    ssh.put_StallTimeoutMs(500);
     enum Op { Read, ReadN, Send, WaitClose };
     for (Op op : {Read, ReadN, Send, WaitClose}) {
         SCOPED_TRACE(op);

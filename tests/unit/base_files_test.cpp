@@ -1,294 +1,201 @@
-// Local files and directories on a real file system: listing, existence,
-// sizes, permissions, times, directory creation.
+// Local files and directories on a real file system: listing, kinds and
+// sizes, data sources and outputs, permission bits, whole-second times.
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <map>
 #include <memory>
-#include <string>
+#include <set>
+#include <tuple>
 
+#include "base/DataSource.h"
 #include "base/FileIterator.h"
 #include "base/FileSys.h"
 #include "base/FileTime.h"
+#include "base/Output.h"
+#include "base/Progress.h"
 #include "base/XString.h"
-#include "tests/unit/RecordingLog.h"
-#include "tests/unit/ScratchDir.h"
+#include "tests/unit/BaseTestHelpers.h"
 
 namespace scpkit::test {
 namespace {
 
-// Restores the process umask at scope exit.
-class UmaskGuard {
-  public:
-    explicit UmaskGuard(mode_t mask) : m_saved(::umask(mask)) {}
-    ~UmaskGuard() { ::umask(m_saved); }
-
-  private:
-    mode_t m_saved;
-};
-
-mode_t modeOf(const std::string& path) {
+struct stat statOf(const std::string& path) {
     struct stat st {};
     EXPECT_EQ(::stat(path.c_str(), &st), 0) << path;
-    return st.st_mode;
+    return st;
 }
 
-// name -> isDirectory for every entry, counting repeats as failures.
-std::map<std::string, bool> listAll(const std::string& dir, _vqFileIterator& it, LogBase& log) {
-    std::map<std::string, bool> seen;
-    EXPECT_TRUE(it.openDirectory(XString(dir.c_str()), log));
-    for (int guard = 0; it.m_hasEntry && guard < 1000; ++guard) {
-        XString name;
-        EXPECT_TRUE(it.getFfFilename(name, log));
-        EXPECT_TRUE(seen.emplace(name.getUtf8(), it.isDirectory()).second)
-            << "entry listed twice: " << name.getUtf8();
-        if (!it.advanceToNext(log)) break;
+bool writeTo(_vqOutput& out, const std::string& bytes, ProgressMonitor* pm, LogBase& log) {
+    return out.writeBytes(reinterpret_cast<const unsigned char*>(bytes.data()), bytes.size(), pm,
+                          log);
+}
+
+// Every byte value, in an order that shows a shift or a repeat.
+std::string patternBytes(size_t n) {
+    std::string s(n, '\0');
+    for (size_t i = 0; i < n; ++i) s[i] = static_cast<char>(i * 7 + i / 251);
+    return s;
+}
+
+// A directory holding one of every kind of entry the walks meet.
+class FileKinds : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        tmp.write("file", "abc");
+        ::mkdir((tmp / "dir").c_str(), 0755);
+        tmp.write("dir/inner", "");
+        ASSERT_EQ(::symlink("file", (tmp / "toFile").c_str()), 0);
+        ASSERT_EQ(::symlink("dir", (tmp / "toDir").c_str()), 0);
+        ASSERT_EQ(::symlink("nowhere", (tmp / "dangling").c_str()), 0);
+        ASSERT_EQ(::mkfifo((tmp / "pipe").c_str(), 0600), 0);  // no peer: nothing may wait on it
     }
-    return seen;
-}
-
-TEST(FileIterator, ListsEveryEntryOnceAndNeverTakesALinkForADirectory) {
     ScratchDir tmp;
-    tmp.write("plain.txt", "x");
-    tmp.mkdir("sub");
-    tmp.write("sub/inner", "y");  // not listed: only one level
-    ASSERT_EQ(::symlink("sub", (tmp / "linkToDir").c_str()), 0);
-    ASSERT_EQ(::symlink("plain.txt", (tmp / "linkToFile").c_str()), 0);
-    ASSERT_EQ(::symlink("nowhere", (tmp / "dangling").c_str()), 0);
-    ASSERT_EQ(::mkfifo((tmp / "pipe").c_str(), 0600), 0);
+};
 
+TEST_F(FileKinds, IteratorListsEveryEntryOnceAndNoLinkAsADirectory) {
     std::unique_ptr<_vqFileIterator> it(_vqFileIterator::createNewObject());
-    ASSERT_TRUE(it);
-    RecordingLog log;
-    const std::map<std::string, bool> expected = {
-        {".", true},          {"..", true},          {"plain.txt", false}, {"sub", true},
-        {"linkToDir", false}, {"linkToFile", false}, {"dangling", false},  {"pipe", false},
-    };
-    EXPECT_EQ(listAll(tmp.path(), *it, log), expected);
-
-    // At the end it stays at the end and names nothing.
-    EXPECT_FALSE(it->m_hasEntry);
-    EXPECT_FALSE(it->advanceToNext(log));
-    XString name;
-    EXPECT_FALSE(it->getFfFilename(name, log));
-    EXPECT_FALSE(log.contains("osError")) << log.all();
-
-    // The same object lists another directory after being closed (twice).
-    it->closeDirectory();
-    it->closeDirectory();
-    const std::map<std::string, bool> inner = {{".", true}, {"..", true}, {"inner", false}};
-    EXPECT_EQ(listAll(tmp / "sub", *it, log), inner);
-}
-
-TEST(FileIterator, OpenFailsOnWhatIsNotAListableDirectory) {
-    ScratchDir tmp;
-    const std::string file = tmp.write("f", "data");
-    struct Case {
-        std::string path;
-        const char* reason;
-    } cases[] = {
-        {tmp / "missing", "No such file or directory"},
-        {file, "Not a directory"},
-        {file + "/below", "Not a directory"},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.path);
-        std::unique_ptr<_vqFileIterator> it(_vqFileIterator::createNewObject());
-        RecordingLog log;
-        EXPECT_FALSE(it->openDirectory(XString(c.path.c_str()), log));
-        EXPECT_FALSE(it->m_hasEntry);
-        EXPECT_FALSE(it->advanceToNext(log));
-        EXPECT_TRUE(log.contains("path: " + c.path)) << log.all();
-        EXPECT_TRUE(log.contains(std::string("osError: ") + c.reason)) << log.all();
-    }
-}
-
-TEST(FileSys, TellsFilesFromDirectoriesAndEverythingElse) {
-    ScratchDir tmp;
-    tmp.write("file", "abc");
-    tmp.mkdir("dir");
-    ASSERT_EQ(::symlink("file", (tmp / "toFile").c_str()), 0);
-    ASSERT_EQ(::symlink("dir", (tmp / "toDir").c_str()), 0);
-    ASSERT_EQ(::symlink("nowhere", (tmp / "dangling").c_str()), 0);
-    ASSERT_EQ(::mkfifo((tmp / "pipe").c_str(), 0600), 0);
-
-    struct Case {
-        std::string path;
-        bool isFile, isDir, noAccess;
-    } cases[] = {
-        {tmp / "file", true, false, false},
-        {tmp / "dir", false, true, false},
-        {tmp / "toFile", true, false, false},
-        {tmp / "toDir", false, true, false},
-        {tmp / "dangling", false, false, false},
-        {tmp / "pipe", false, false, false},
-        {tmp / "missing", false, false, false},
-        {tmp / "file/below", false, false, false},
-        // Cannot be examined at all: reported as no access, with the reason.
-        {tmp / std::string(300, 'n'), false, false, true},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.path);
-        XString path(c.path.c_str());
-        RecordingLog log;
-        bool noAccess = !c.noAccess;
-        EXPECT_EQ(FileSys::fileExistsX(path, &noAccess, &log), c.isFile);
-        EXPECT_EQ(noAccess, c.noAccess);
-        noAccess = !c.noAccess;
-        EXPECT_EQ(FileSys::IsExistingDirectory(path, &noAccess, &log), c.isDir);
-        EXPECT_EQ(noAccess, c.noAccess);
-        // A plain "not there" is an answer, not something to log.
-        EXPECT_EQ(log.hasError(), c.noAccess) << log.all();
-        // The flag and the log are optional.
-        EXPECT_EQ(FileSys::fileExistsX(path, nullptr, nullptr), c.isFile);
-    }
-}
-
-TEST(FileSys, SizeOnlyOfRegularFiles) {
-    ScratchDir tmp;
-    const std::string big(100003, 'z');
-    struct Case {
-        std::string path;
-        bool ok;
-        int64_t size;
-    } cases[] = {
-        {tmp.write("big", big), true, 100003},
-        {tmp.write("empty", ""), true, 0},
-        {tmp.mkdir("dir"), false, -1},
-        {tmp / "missing", false, -1},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.path);
-        RecordingLog log;
-        bool ok = !c.ok;
-        EXPECT_EQ(FileSys::fileSizeX_64(XString(c.path.c_str()), &log, ok), c.size);
-        EXPECT_EQ(ok, c.ok);
-        EXPECT_EQ(log.hasError(), !c.ok) << log.all();
-    }
-}
-
-TEST(FileSys, PermissionBitsSetAndReadBack) {
-    ScratchDir tmp;
-    const std::string file = tmp.write("f", "x");
-    const std::string dir = tmp.mkdir("d");
-    for (unsigned mode : {0600u, 0644u, 0755u, 0000u, 04755u, 02750u, 01777u}) {
-        for (const std::string& path : {file, dir}) {
-            SCOPED_TRACE(path + " mode " + std::to_string(mode));
-            XString p(path.c_str());
-            RecordingLog log;
-            EXPECT_TRUE(FileSys::setPerm(p, mode, &log)) << log.all();
-            EXPECT_EQ(modeOf(path) & 07777, mode);
-            bool ok = false;
-            EXPECT_EQ(FileSys::getUnixPerms(p, &log, ok), mode);
-            EXPECT_TRUE(ok);
+    _vqLogger log;
+    for (const auto& [dir, expected] :
+         {std::make_pair(tmp.path, "../ ./ dangling dir/ file pipe toDir toFile "),
+          std::make_pair(tmp / "dir", "../ ./ inner ")}) {
+        ASSERT_TRUE(it->openDirectory(XString(dir.c_str()), log));
+        std::multiset<std::string> seen;
+        XString name;
+        for (int guard = 0; it->m_hasEntry && guard < 100; ++guard, it->advanceToNext(log)) {
+            EXPECT_TRUE(it->getFfFilename(name, log));
+            seen.insert(std::string(name.getUtf8()) + (it->isDirectory() ? "/" : ""));
         }
+        std::string listed;
+        for (const std::string& s : seen) listed += s + " ";
+        EXPECT_EQ(listed, expected);
+        EXPECT_FALSE(it->advanceToNext(log) || it->getFfFilename(name, log));  // stays at the end
     }
-    // Only permission bits are passed to the system, whatever the caller gives.
-    XString p(file.c_str());
-    EXPECT_TRUE(FileSys::setPerm(p, 0170644, nullptr));
-    EXPECT_TRUE(S_ISREG(modeOf(file)));
-    EXPECT_EQ(modeOf(file) & 07777, 0644u);
-
-    XString missing((tmp / "missing").c_str());
-    RecordingLog log;
-    bool ok = true;
-    FileSys::getUnixPerms(missing, &log, ok);
-    EXPECT_FALSE(ok);
-    EXPECT_FALSE(FileSys::setPerm(missing, 0644, &log));
-    EXPECT_TRUE(log.contains("osError: No such file or directory")) << log.all();
+    for (const std::string& bad : {tmp / "missing", tmp / "file"}) {
+        _vqLogger failLog;
+        EXPECT_FALSE(it->openDirectory(XString(bad.c_str()), failLog) || it->m_hasEntry);
+        EXPECT_TRUE(logHas(failLog, "path: " + bad + "\nosError: ")) << logText(failLog);
+    }
 }
 
-TEST(FileSys, LastModifiedTimeInWholeSeconds) {
-    ScratchDir tmp;
-    const std::string file = tmp.write("f", "x");
-    // Sub-second parts of the stored time must not show.
-    struct timespec times[2] = {{1000000000, 0}, {1600000000, 999999999}};
-    ASSERT_EQ(::utimensat(AT_FDCWD, file.c_str(), times, 0), 0);
-    VostrelFileTime t;
-    RecordingLog log;
-    ASSERT_TRUE(FileSys::GetFileLastModTimeGmt(XString(file.c_str()), t, &log));
-    EXPECT_EQ(t.toUnixTime64(), 1600000000);
-    VostrelFileTime sent;
-    sent.fromUnixTime32(1600000000, 0);
-    EXPECT_EQ(VostrelFileTime::compareFileTimeExact(sent, t), 0);
-
-    EXPECT_FALSE(FileSys::GetFileLastModTimeGmt(XString((tmp / "missing").c_str()), t, &log));
-    EXPECT_TRUE(log.hasError());
-}
-
-TEST(FileSys, DeleteRemovesOnceThenFails) {
-    ScratchDir tmp;
-    const std::string file = tmp.write("f", "x");
-    RecordingLog log;
-    EXPECT_TRUE(FileSys::deleteFileUtf8(file.c_str(), &log));
-    EXPECT_NE(::access(file.c_str(), F_OK), 0);
-    EXPECT_FALSE(log.hasError());
-    EXPECT_FALSE(FileSys::deleteFileUtf8(file.c_str(), &log));
-    EXPECT_TRUE(log.contains("path: " + file)) << log.all();
-    EXPECT_FALSE(FileSys::deleteFileUtf8(file.c_str(), nullptr));
-}
-
-TEST(FileSys, CreateDirMakesOneLevelWithTheUmaskApplied) {
-    ScratchDir tmp;
-    UmaskGuard mask(027);
-    tmp.write("file", "x");
-    struct Case {
-        std::string path;
-        bool ok;
-        bool logged;
-    } cases[] = {
-        {tmp / "new", true, false},  {tmp / "new", true, false},  // already there: nothing to do
-        {tmp / "a/b", false, true},                               // parent missing
-        {tmp / "file", false, true}, {tmp / "file/sub", false, true},
+TEST_F(FileKinds, FileSysTellsRegularFilesFromDirectoriesAndEverythingElse) {
+    // isFile, isDir, noAccess, size (only regular files have one)
+    const std::tuple<std::string, bool, bool, bool, int64_t> cases[] = {
+        {tmp / "file", true, false, false, 3},
+        {tmp / "dir", false, true, false, -1},
+        {tmp / "toDir", false, true, false, -1},
+        {tmp / "dangling", false, false, false, -1},
+        {tmp / "pipe", false, false, false, -1},
+        {tmp / "file/below", false, false, false, -1},
+        {tmp / std::string(300, 'n'), false, false, true, -1},  // cannot be examined at all
     };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.path);
-        RecordingLog log;
-        EXPECT_EQ(FileSys::createDir(XString(c.path.c_str()), &log), c.ok);
-        EXPECT_EQ(log.hasError(), c.logged) << log.all();
+    for (const auto& [path, isFile, isDir, noAccess, size] : cases) {
+        XString x(path.c_str());
+        _vqLogger log;
+        bool fileNoAccess = !noAccess, dirNoAccess = !noAccess, sizeOk = false;
+        EXPECT_EQ(FileSys::fileExistsX(x, &fileNoAccess, &log), isFile) << path;
+        EXPECT_EQ(FileSys::IsExistingDirectory(x, &dirNoAccess, nullptr), isDir) << path;
+        EXPECT_EQ(FileSys::fileSizeX_64(x, nullptr, sizeOk), size) << path;
+        EXPECT_TRUE(fileNoAccess == noAccess && dirNoAccess == noAccess && sizeOk == (size >= 0));
+        EXPECT_EQ(logText(log).empty(), !noAccess) << "a plain \"not there\" is not logged";
     }
-    EXPECT_EQ(modeOf(tmp / "new") & 07777, 0750u);
-    EXPECT_TRUE(S_ISREG(modeOf(tmp / "file")));
 }
 
-TEST(DirAutoCreate, CreatesEveryMissingLevelButNotThroughAFile) {
-    ScratchDir tmp;
-    UmaskGuard mask(022);
-    tmp.write("file", "x");
-    tmp.mkdir("have");
-    // On success `where` must now be a directory; on failure the log must
-    // name `where`, the component that is in the way.
-    struct Case {
-        std::string path;
-        bool ok;
-        std::string where;
-    } cases[] = {
-        {tmp / "a/b/c/d", true, tmp / "a/b/c/d"},
-        {tmp / "a/b/c/d", true, tmp / "a/b/c/d"},  // again: all there
-        {tmp / "have/x/y", true, tmp / "have/x/y"},
-        {tmp / "s1//s2///s3/", true, tmp / "s1/s2/s3"},
-        {tmp / "a/./b/../e", true, tmp / "a/e"},
-        {tmp.path(), true, ""},
-        {tmp / "file", false, tmp / "file"},
-        {tmp / "file/x/y", false, tmp / "file"},
+TEST_F(FileKinds, DataSourceAndOutputFileRefuseWhatIsNotARegularFileWithoutBlocking) {
+    const std::tuple<std::string, const char*, const char*> cases[] = {
+        {tmp / "dir", "fileKind: directory", "osError: Is a directory"},
+        {tmp / "pipe", "fileKind: fifo", "osError: No such device or address"},
+        {"/dev/zero", "fileKind: character device", nullptr},  // would stream without end
+        {tmp / "dangling", "osError: No such file or directory", nullptr},
+        {tmp / "missing/out", nullptr, "osError: No such file or directory"},
     };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.path);
-        RecordingLog log;
-        EXPECT_EQ(DirAutoCreate::ensureDirUtf8(c.path.c_str(), &log), c.ok) << log.all();
-        EXPECT_EQ(log.hasError(), !c.ok) << log.all();
-        if (c.ok && !c.where.empty()) {
-            EXPECT_TRUE(S_ISDIR(modeOf(c.where)));
-            EXPECT_EQ(modeOf(c.where) & 0777, 0755u);
-        }
-        if (!c.ok) {
-            EXPECT_EQ(log.lines.back(), "path: " + c.where) << log.all();
-        }
+    for (const auto& [path, readReason, writeReason] : cases) {
+        _vqFileDataSource src;
+        _vqLogger log;
+        EXPECT_FALSE(readReason && src.openDataSourceFile(XString(path.c_str()), log));
+        EXPECT_LT(src.getFileSize64(nullptr), 0);  // nothing stays open
+        EXPECT_EQ(writeReason ? OutputFile::createFileUtf8(path.c_str(), log) : nullptr, nullptr);
+        for (const char* reason : {readReason, writeReason})
+            EXPECT_TRUE(!reason || logHas(log, "localFilePath: " + path + "\n" + reason))
+                << logText(log);
     }
-    EXPECT_TRUE(S_ISREG(modeOf(tmp / "file")));
-    EXPECT_NE(::access((tmp / "file/x").c_str(), F_OK), 0);
+    _vqLogger log;
+    std::unique_ptr<OutputFile> full(OutputFile::createFileUtf8("/dev/full", log));
+    ASSERT_TRUE(full) << logText(log);
+    EXPECT_FALSE(writeTo(*full, "abc", nullptr, log));
+    EXPECT_TRUE(logHas(log, "osError: No space left on device")) << logText(log);
+}
+
+TEST(DataSources, ReadTheExactBytesAndTheFilesModeAndWholeSecondTimes) {
+    ScratchDir tmp;
+    const std::string content = patternBytes(300007), path = tmp.write("data.bin", content);
+    ASSERT_EQ(::chmod(path.c_str(), 04751), 0);
+    const struct timespec times[2] = {{1500000000, 999999999}, {1400000000, 500000000}};
+    for (size_t chunk : {size_t{1} << 18, size_t{7}}) {
+        ASSERT_EQ(::utimensat(AT_FDCWD, path.c_str(), times, 0), 0);  // reading moves the atime
+        _vqFileDataSource src;
+        _vqLogger log;
+        unsigned perms = 0;
+        VostrelFileTime created, accessed, modified;
+        ASSERT_TRUE(src.openDataSourceFile(XString(path.c_str()), log));
+        EXPECT_TRUE(src.getUnixModePerms(perms, log) &&
+                    src.getFileTime(created, accessed, modified));
+        EXPECT_EQ(perms, 04751u);
+        EXPECT_EQ(accessed.toUnixTime64(), 1500000000);
+        EXPECT_EQ(modified.toUnixTime64(), 1400000000);
+        EXPECT_EQ(src.getFileSize64(&log), 300007);
+        std::string got(chunk, '\0'), all;
+        for (size_t n = 1; n > 0; all.append(got, 0, n))
+            ASSERT_TRUE(
+                src.readSourceChunk(reinterpret_cast<unsigned char*>(got.data()), chunk, n, log));
+        EXPECT_TRUE(all == content) << "chunk " << chunk;
+    }
+    VostrelFileTime modified;
+    bool ok = false;
+    EXPECT_TRUE(FileSys::GetFileLastModTimeGmt(XString(path.c_str()), modified, nullptr) &&
+                FileSys::setPerm(XString(path.c_str()), 0170640, nullptr));
+    EXPECT_EQ(modified.toUnixTime64(), 1400000000);
+    EXPECT_EQ(FileSys::getUnixPerms(XString(path.c_str()), nullptr, ok), 0640u);
+}
+
+TEST(OutputFile, TruncatesWritesExactBytesAndSetsWholeSecondTimes) {
+    ScratchDir tmp;
+    const std::string path = tmp.write("out", std::string(5000, 'o')), big = patternBytes(70000);
+    _vqLogger log;
+    std::unique_ptr<OutputFile> out(OutputFile::createFileUtf8(path.c_str(), log));
+    ASSERT_TRUE(out && statOf(path).st_size == 0) << logText(log);
+    EXPECT_TRUE(writeTo(*out, big, nullptr, log) && writeTo(*out, "tail", nullptr, log));
+    EXPECT_TRUE(ScratchDir::read(path) == big + "tail");
+    out->resetOutput(log);  // starts over from the first byte, leaving no hole
+    VostrelFileTime modified, accessed;
+    modified.fromUnixTime32(1234567890, 0);
+    accessed.fromUnixTime32(1111111111, 0);
+    EXPECT_TRUE(writeTo(*out, "tail", nullptr, log) &&
+                out->setFileTimeUtc_3(modified, accessed, modified, nullptr));
+    out->closeHandle();  // closing after the times must not move them
+    EXPECT_EQ(logText(log), "");
+    EXPECT_FALSE(writeTo(*out, "more", nullptr, log));
+    struct stat st = statOf(path);
+    EXPECT_EQ(ScratchDir::read(path), "tail");
+    EXPECT_EQ(st.st_mtim.tv_sec * 1000000000 + st.st_mtim.tv_nsec, 1234567890000000000);
+    EXPECT_EQ(st.st_atim.tv_sec, 1111111111);
+}
+
+TEST(OutputDataBuffer, AppendsCountsOnlyWhenAskedAndStopsOnAbort) {
+    struct StopAtHalf : ProgressEvent {
+        void OnPercent(int percent, bool& abort) override { abort = percent >= 50; }
+    } callback;
+    ProgressMonitor pm(&callback, 0, 100, 100);
+    DataBuffer db = bufferOf("keep");
+    OutputDataBuffer out(&db);
+    _vqLogger log;
+    EXPECT_TRUE(writeTo(out, std::string("a\0b", 3), &pm, log) && pm.done() == 0);  // not counted
+    EXPECT_EQ(bytesOf(db), std::string("keepa\0b", 7));
+    out.resetOutput(log);
+    out.m_reportsProgress = true;
+    EXPECT_TRUE(writeTo(out, std::string(10, 'x'), &pm, log));
+    EXPECT_FALSE(writeTo(out, std::string(40, 'y'), &pm, log));  // 50 %: the application says stop
+    EXPECT_EQ(pm.done() * 1000 + db.getSize(), 50050);           // what was written stays written
 }
 
 }  // namespace

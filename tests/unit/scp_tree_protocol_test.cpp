@@ -563,6 +563,7 @@ TEST(TreeUploadProtocolTest, HashingPassRecordsRemoteFilesAndTheUploadSkipsThem)
     writeFile(root + "/same.txt", "same", 1600000000);
     writeFile(root + "/new.txt", "new", 1600000000);
     writeFile(root + "/x.log", "log", 1600000000);
+    writeFile(root + "/y.log", "not on the server, but filtered", 1600000000);
     writeFile(root + "/sub/in.txt", "in!!", 1600000000);
     writeFile(root + "/sub/added.txt", "add", 1600000000);
 
@@ -575,7 +576,7 @@ TEST(TreeUploadProtocolTest, HashingPassRecordsRemoteFilesAndTheUploadSkipsThem)
     const std::string& sent = rig.peer(1).written;
     EXPECT_EQ(sent.find("same.txt"), std::string::npos);
     EXPECT_EQ(sent.find("in.txt"), std::string::npos);
-    EXPECT_EQ(sent.find("x.log"), std::string::npos);
+    EXPECT_EQ(sent.find(".log"), std::string::npos);
 }
 
 TEST(TreeUploadProtocolTest, ProgressTotalsAndEventsOfTheUpload) {
@@ -613,6 +614,19 @@ TEST(TreeUploadProtocolTest, ProgressTotalsAndEventsOfTheUpload) {
               at("scp-localdir-leaving " + root + "/d1"));
     EXPECT_LT(at("scp-localdir-entered " + root + "/d3"),
               at("scp-localdir-leaving " + root + "/d3"));
+}
+
+TEST(TreeUploadProtocolTest, EveryDirectoryWeighsAHundredUnits) {
+    Rig rig;
+    rig.peer(0).send(std::string(64, '\0')).closeOnClientClose();
+    TreeDir dir;
+    std::string root = dir.sub("src");
+    makeDir(root + "/e1/e2");
+    makeDir(root + "/e3");
+    Recorder progress;
+    ASSERT_TRUE(rig.upload(root, 0, true, &progress)) << rig.log();
+    // 300 units in all, 100 consumed after each "D" line.
+    EXPECT_EQ(progress.percents, (std::vector<int>{33, 66, 100}));
 }
 
 TEST(TreeUploadProtocolTest, UnreadableFilesAreReportedAndTheWalkGoesOn) {

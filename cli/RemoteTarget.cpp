@@ -1,4 +1,4 @@
-#include "cli/RemoteSpec.h"
+#include "cli/RemoteTarget.h"
 
 namespace scpkit::cli {
 
@@ -13,8 +13,8 @@ bool hasBlankOrControl(const std::string& s) {
 
 }  // namespace
 
-bool parseRemoteSpec(const std::string& text, RemoteSpec& out, std::string& error) {
-    out = RemoteSpec();
+bool parseRemoteTarget(const std::string& text, RemoteTarget& out, std::string& error) {
+    out = RemoteTarget();
     const std::string expected = "expected [user@]host:path, got '" + text + "'";
 
     // The host part ends at the first ':' outside brackets. A '/' before it
@@ -73,15 +73,15 @@ bool parseRemoteSpec(const std::string& text, RemoteSpec& out, std::string& erro
     return true;
 }
 
-std::string formatRemoteSpec(const RemoteSpec& spec) {
+std::string formatRemoteTarget(const RemoteTarget& target) {
     std::string s;
-    if (!spec.user.empty()) s += spec.user + "@";
-    if (spec.host.find(':') != std::string::npos) {
-        s += "[" + spec.host + "]";
+    if (!target.user.empty()) s += target.user + "@";
+    if (target.host.find(':') != std::string::npos) {
+        s += "[" + target.host + "]";
     } else {
-        s += spec.host;
+        s += target.host;
     }
-    return s + ":" + spec.path;
+    return s + ":" + target.path;
 }
 
 }  // namespace scpkit::cli

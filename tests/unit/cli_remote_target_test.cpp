@@ -1,14 +1,14 @@
 // The [user@]host:path argument of the scpkit program.
 #include <gtest/gtest.h>
 
-#include "cli/RemoteSpec.h"
+#include "cli/RemoteTarget.h"
 
 namespace scpkit::test {
 namespace {
 
-using cli::RemoteSpec;
+using cli::RemoteTarget;
 
-struct SpecCase {
+struct TargetCase {
     const char* text;
     bool ok;
     const char* user;
@@ -16,8 +16,8 @@ struct SpecCase {
     const char* path;
 };
 
-TEST(CliRemoteSpec, ParsesWhatSshUsersWrite) {
-    const SpecCase cases[] = {
+TEST(CliRemoteTarget, ParsesWhatSshUsersWrite) {
+    const TargetCase cases[] = {
         {"host:file", true, "", "host", "file"},
         {"host:", true, "", "host", ""},
         {"alice@host:/srv/x", true, "alice", "host", "/srv/x"},
@@ -43,31 +43,31 @@ TEST(CliRemoteSpec, ParsesWhatSshUsersWrite) {
         {"host\x1b[2J:path", false, "", "", ""},
         {"a]b:path", false, "", "", ""},
     };
-    for (const SpecCase& c : cases) {
+    for (const TargetCase& c : cases) {
         SCOPED_TRACE(c.text);
-        RemoteSpec spec;
+        RemoteTarget target;
         std::string error;
-        ASSERT_EQ(cli::parseRemoteSpec(c.text, spec, error), c.ok) << error;
+        ASSERT_EQ(cli::parseRemoteTarget(c.text, target, error), c.ok) << error;
         if (!c.ok) {
             EXPECT_FALSE(error.empty());
             continue;
         }
-        EXPECT_EQ(spec.user, c.user);
-        EXPECT_EQ(spec.host, c.host);
-        EXPECT_EQ(spec.path, c.path);
+        EXPECT_EQ(target.user, c.user);
+        EXPECT_EQ(target.host, c.host);
+        EXPECT_EQ(target.path, c.path);
     }
 }
 
-TEST(CliRemoteSpec, FormatsBackToAnArgumentThatParsesTheSame) {
+TEST(CliRemoteTarget, FormatsBackToAnArgumentThatParsesTheSame) {
     const char* texts[] = {"host:f", "u@host:/a b", "[::1]:x", "u@[2001:db8::1]:", "h:a:b"};
     for (const char* text : texts) {
-        RemoteSpec spec, again;
+        RemoteTarget target, again;
         std::string error;
-        ASSERT_TRUE(cli::parseRemoteSpec(text, spec, error)) << text;
-        std::string formatted = cli::formatRemoteSpec(spec);
+        ASSERT_TRUE(cli::parseRemoteTarget(text, target, error)) << text;
+        std::string formatted = cli::formatRemoteTarget(target);
         EXPECT_EQ(formatted, text);
-        ASSERT_TRUE(cli::parseRemoteSpec(formatted, again, error));
-        EXPECT_EQ(again.host, spec.host);
+        ASSERT_TRUE(cli::parseRemoteTarget(formatted, again, error));
+        EXPECT_EQ(again.host, target.host);
     }
 }
 

@@ -6,16 +6,16 @@
 
 namespace scpkit::cli {
 
-struct RemoteSpec {
+struct RemoteTarget {
     std::string user;  // empty: from ~/.ssh/config or the local account
     std::string host;  // without the brackets of an IPv6 address
     std::string path;  // empty: the remote home directory
 };
 
 // True when `text` names a remote location. On false, `error` says why.
-bool parseRemoteSpec(const std::string& text, RemoteSpec& out, std::string& error);
+bool parseRemoteTarget(const std::string& text, RemoteTarget& out, std::string& error);
 
 // The argument written back, the host in brackets when it contains a colon.
-std::string formatRemoteSpec(const RemoteSpec& spec);
+std::string formatRemoteTarget(const RemoteTarget& target);
 
 }  // namespace scpkit::cli
