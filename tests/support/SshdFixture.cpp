@@ -34,6 +34,7 @@ namespace scpkit::test {
 namespace {
 
 constexpr const char* kSshd = "/usr/sbin/sshd";
+constexpr const char* kSetpriv = "/usr/bin/setpriv";
 constexpr const char* kKeygen = "/usr/bin/ssh-keygen";
 constexpr const char* kPasswordUser = "scpkittest";
 constexpr const char* kPassword = "Scpkit-test-pw-7351";
@@ -264,12 +265,15 @@ bool SshdFixture::start(const SshdOptions& options) {
         posix_spawn_file_actions_addopen(&actions, 1, logPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
                                          0600);
         posix_spawn_file_actions_adddup2(&actions, 1, 2);
-        std::vector<std::string> args = {kSshd, "-f", config, "-D", "-e"};
+        // setpriv execs sshd in place (same PID) with a parent-death signal,
+        // so a test program that is killed cannot leave its sshd running.
+        std::vector<std::string> args = {kSetpriv, "--pdeathsig", "TERM", "--", kSshd,
+                                         "-f",     config,        "-D",   "-e"};
         std::vector<char*> argv;
         for (auto& a : args) argv.push_back(a.data());
         argv.push_back(nullptr);
         pid_t pid = -1;
-        int rc = posix_spawn(&pid, kSshd, &actions, nullptr, argv.data(), environ);
+        int rc = posix_spawn(&pid, kSetpriv, &actions, nullptr, argv.data(), environ);
         posix_spawn_file_actions_destroy(&actions);
         if (rc != 0) {
             m_error = std::string("cannot start sshd: ") + std::strerror(rc);
