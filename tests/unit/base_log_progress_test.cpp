@@ -110,7 +110,6 @@ TEST(ProgressMonitor, PercentFiresOnEveryChangeOfTheScaledValue) {
         }
         EXPECT_EQ(rec.percents, expected) << scale << " of " << total;
     }
-    EXPECT_EQ(ProgressMonitorPtr(nullptr, 0, 100, 10).getPm(), nullptr);
 }
 
 TEST(ProgressMonitor, PollsOnlyAfterTheIntervalAndAbortIsSticky) {
