@@ -187,6 +187,26 @@ TEST_F(SshChannelTest, ReadExactlyNDeliversBufferedBytesFirstAndNeverOverReads) 
     }
 }
 
+TEST_F(SshChannelTest, ReadExactlyNAnnouncesTheCountToTheOutputBeforeWriting) {
+    // A memory sink told the count up front holds the bytes in one block.
+    struct Announced : OutputDataBuffer {
+        using OutputDataBuffer::OutputDataBuffer;
+        void expectBytes(long long n) override {
+            told.push_back(n);
+            OutputDataBuffer::expectBytes(n);
+        }
+        std::vector<long long> told;
+    };
+    const std::string data = pattern(3 * ClsSsh::kChunkSize + 1);
+    transport->peer(0).send(data);
+    int ch = open();
+    DataBuffer db;
+    Announced out(&db);
+    ASSERT_TRUE(ssh->channelReadNToOutput(ch, static_cast<long long>(data.size()), out, sp, log));
+    EXPECT_EQ(out.told, std::vector<long long>{static_cast<long long>(data.size())});
+    EXPECT_TRUE(str(db) == data);
+}
+
 TEST_F(SshChannelTest, ShortReadReportsExpectedAndReceivedCounts) {
     transport->peer(0).send("12345").eof().close();
     int ch = open();
