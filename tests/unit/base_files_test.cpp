@@ -51,7 +51,7 @@ class FileKinds : public ::testing::Test {
         ASSERT_EQ(::symlink("nowhere", (tmp / "dangling").c_str()), 0);
         ASSERT_EQ(::mkfifo((tmp / "pipe").c_str(), 0600), 0);  // no peer: nothing may wait on it
     }
-    ScratchDir tmp;
+    TempDir tmp;
 };
 
 TEST_F(FileKinds, IteratorListsEveryEntryOnceAndNoLinkAsADirectory) {
@@ -122,7 +122,7 @@ TEST_F(FileKinds, DataSourceAndOutputFileRefuseWhatIsNotARegularFileWithoutBlock
 }
 
 TEST(DataSources, ReadExactBytesAndTheFilesModeAndWholeSecondTimes) {
-    ScratchDir tmp;
+    TempDir tmp;
     const std::string content = patternBytes(300007), path = tmp.write("data.bin", content);
     ASSERT_EQ(::chmod(path.c_str(), 04751), 0);
     const struct timespec times[2] = {{1500000000, 999999999}, {1400000000, 500000000}};
@@ -164,13 +164,13 @@ TEST(DataSources, ReadExactBytesAndTheFilesModeAndWholeSecondTimes) {
 }
 
 TEST(OutputFile, TruncatesWritesExactBytesAndSetsWholeSecondTimes) {
-    ScratchDir tmp;
+    TempDir tmp;
     const std::string path = tmp.write("out", std::string(5000, 'o')), big = patternBytes(70000);
     _vqLogger log;
     std::unique_ptr<OutputFile> out(OutputFile::createFileUtf8(path.c_str(), log));
     ASSERT_TRUE(out && statOf(path).st_size == 0) << logText(log);
     EXPECT_TRUE(writeTo(*out, big, nullptr, log) && writeTo(*out, "tail", nullptr, log));
-    EXPECT_TRUE(ScratchDir::read(path) == big + "tail");
+    EXPECT_TRUE(TempDir::read(path) == big + "tail");
     out->resetOutput(log);  // starts over from the first byte, leaving no hole
     VostrelFileTime modified, accessed;
     modified.fromUnixTime32(1234567890, 0);
@@ -181,7 +181,7 @@ TEST(OutputFile, TruncatesWritesExactBytesAndSetsWholeSecondTimes) {
     EXPECT_EQ(logText(log), "");
     EXPECT_FALSE(writeTo(*out, "more", nullptr, log));
     struct stat st = statOf(path);
-    EXPECT_EQ(ScratchDir::read(path), "tail");
+    EXPECT_EQ(TempDir::read(path), "tail");
     EXPECT_EQ(st.st_mtim.tv_sec * 1000000000 + st.st_mtim.tv_nsec, 1234567890000000000);
     EXPECT_EQ(st.st_atim.tv_sec, 1111111111);
 }
