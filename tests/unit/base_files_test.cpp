@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <climits>
 #include <memory>
 #include <set>
 #include <tuple>
@@ -200,6 +201,23 @@ TEST(OutputDataBuffer, AppendsCountsOnlyWhenAskedAndStopsOnAbort) {
     EXPECT_TRUE(writeTo(out, std::string(10, 'x'), &pm, log));
     EXPECT_FALSE(writeTo(out, std::string(40, 'y'), &pm, log));  // 50 %: the application says stop
     EXPECT_EQ(pm.done() * 1000 + db.getSize(), 50050);           // what was written stays written
+}
+
+TEST(OutputDataBuffer, MakesRoomOnceForAnnouncedBytesAndIgnoresImpossibleCounts) {
+    DataBuffer db = bufferOf("head");
+    OutputDataBuffer out(&db);
+    _vqLogger log;
+    const std::string chunk(4096, 'z');
+    out.expectBytes(256 * 4096);
+    const unsigned char* where = db.getData2();
+    for (int i = 0; i < 256; ++i) ASSERT_TRUE(writeTo(out, chunk, nullptr, log));
+    EXPECT_EQ(db.getData2(), where);  // never regrown, so never copied
+    EXPECT_EQ(db.getSize(), 4u + 256 * 4096);
+    out.expectBytes(LLONG_MAX);  // more than can be reserved: the buffer just grows later
+    out.expectBytes(-1);
+    EXPECT_TRUE(writeTo(out, "tail", nullptr, log));
+    EXPECT_EQ(bytesOf(db).substr(0, 5) + bytesOf(db).substr(db.getSize() - 5), "headzztail");
+    EXPECT_EQ(logText(log), "");
 }
 
 }  // namespace

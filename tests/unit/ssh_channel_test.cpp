@@ -161,6 +161,27 @@ TEST(SshChannel, ReadExactlyNTakesBufferedBytesFirstAndNeverOverReads) {
     }
 }
 
+TEST(SshChannel, ReadExactlyNAnnouncesTheCountToTheOutputBeforeWriting) {
+    // A memory sink told the count up front holds the bytes in one block.
+    struct Announced : OutputDataBuffer {
+        using OutputDataBuffer::OutputDataBuffer;
+        void expectBytes(long long n) override {
+            told.push_back(n);
+            OutputDataBuffer::expectBytes(n);
+        }
+        std::vector<long long> told;
+    };
+    Rig rig;
+    const std::string data = pattern(3 * ClsSsh::kChunkSize + 1);
+    rig.peer(0).send(data);
+    int ch = rig.open();
+    DataBuffer db;
+    Announced out(&db);
+    ASSERT_TRUE(rig.ssh.channelReadNToOutput(ch, (long long)data.size(), out, rig.sp, rig.log));
+    EXPECT_EQ(out.told, std::vector<long long>{(long long)data.size()});
+    EXPECT_TRUE(str(db) == data);
+}
+
 TEST(SshChannel, ChannelReadReportsDataThenEofThenCloseAndFailsAfterClose) {
     Rig rig;
     rig.peer(0).send("line one\nrest").eof();
