@@ -1,5 +1,7 @@
 #include "base/Output.h"
 
+#include <algorithm>
+
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -34,10 +36,14 @@ void OutputDataBuffer::resetOutput(LogBase& /*log*/) {
 void OutputDataBuffer::expectBytes(long long numBytes) {
     if (!m_buffer || numBytes <= 0) return;
     // Reserved room is address space until bytes arrive, so a size that a
-    // server announces but never sends costs no memory; a size too large to
-    // reserve just leaves the buffer to grow as the bytes come.
+    // server announces but never sends costs no memory. The size comes from
+    // the server, so the reservation is capped: beyond the cap the buffer
+    // grows as the bytes come, and a lying size cannot make us ask for
+    // exabytes at once.
+    constexpr long long kMaxReserve = 1LL << 30;
     try {
-        m_buffer->reserve(m_buffer->getSize() + static_cast<size_t>(numBytes));
+        m_buffer->reserve(m_buffer->getSize() +
+                          static_cast<size_t>(std::min(numBytes, kMaxReserve)));
     } catch (const std::exception&) {
     }
 }
