@@ -62,6 +62,11 @@ void _vqLogger::enterContext(const char* name, bool important) {
     try {
         // A context at the top level is a new public call: its tree replaces the last one.
         if (m_open.empty()) clearLog();
+        if (!m_skippedContexts.empty() || overBudget()) {
+            writeDebugLine(std::string(name ? name : "") + ":");
+            m_skippedContexts.push_back(name ? name : "");
+            return;
+        }
         auto node = std::make_unique<Node>();
         node->kind = kContext;
         node->important = important;
@@ -70,12 +75,22 @@ void _vqLogger::enterContext(const char* name, bool important) {
         Node* parent = m_open.empty() ? m_root.get() : m_open.back();
         parent->children.push_back(std::move(node));
         m_open.push_back(parent->children.back().get());
+        ++m_numEntries;
     } catch (...) {
         // The log never makes a call fail.
     }
 }
 
 void _vqLogger::leaveContext() {
+    if (!m_skippedContexts.empty()) {
+        std::string name = std::move(m_skippedContexts.back());
+        m_skippedContexts.pop_back();
+        try {
+            writeDebugLine("--" + name);
+        } catch (...) {
+        }
+        return;
+    }
     if (m_open.empty()) return;
     Node* closing = m_open.back();
     m_open.pop_back();
@@ -86,8 +101,10 @@ void _vqLogger::leaveContext() {
     // An unimportant context that collected nothing is not worth a place in the tree.
     if (!closing->important && closing->children.empty()) {
         Node* parent = m_open.empty() ? m_root.get() : m_open.back();
-        if (!parent->children.empty() && parent->children.back().get() == closing)
+        if (!parent->children.empty() && parent->children.back().get() == closing) {
             parent->children.pop_back();
+            --m_numEntries;
+        }
     }
 }
 
@@ -110,8 +127,10 @@ void _vqLogger::addLine(int kind, const char* a, const char* b) {
         node->text = a ? a : "";
         if (kind == kData) node->value = b ? b : "";
         writeDebugLine(node->lineText());
+        if (kind != kError && overBudget()) return;
         Node* parent = m_open.empty() ? m_root.get() : m_open.back();
         parent->children.push_back(std::move(node));
+        ++m_numEntries;
     } catch (...) {
     }
 }
@@ -125,6 +144,24 @@ void _vqLogger::clearLog() {
     // Contexts still open stay open: only what lies outside them is dropped.
     if (!m_open.empty()) return;
     m_root->children.clear();
+    m_skippedContexts.clear();
+    m_numEntries = 0;
+    m_truncated = false;
+}
+
+bool _vqLogger::overBudget() {
+    if (m_numEntries < m_maxEntries) return false;
+    if (!m_truncated) {
+        // Said once, where the tree stops growing.
+        m_truncated = true;
+        auto note = std::make_unique<Node>();
+        note->kind = kInfo;
+        note->text = "(The log keeps its first " + std::to_string(m_maxEntries) +
+                     " entries; later ones, except errors, are only in the debug log file.)";
+        Node* parent = m_open.empty() ? m_root.get() : m_open.back();
+        parent->children.push_back(std::move(note));
+    }
+    return true;
 }
 
 void _vqLogger::setDebugLogFilePath(const char* path) {
@@ -141,7 +178,7 @@ void _vqLogger::writeDebugLine(const std::string& line) {
     // Lines are written as they happen; a context's header is indented by the
     // contexts that enclose it, like the rendered tree.
     std::string out;
-    appendIndented(out, m_open.size() * kIndentStep, line);
+    appendIndented(out, (m_open.size() + m_skippedContexts.size()) * kIndentStep, line);
     std::fwrite(out.data(), 1, out.size(), m_debugFile);
     std::fflush(m_debugFile);
 }

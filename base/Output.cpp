@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <exception>
 #include <new>
 
 #include "base/DataBuffer.h"
@@ -28,6 +29,17 @@ bool _vqOutput::writeBytes(const unsigned char* data, size_t numBytes, ProgressM
 
 void OutputDataBuffer::resetOutput(LogBase& /*log*/) {
     if (m_buffer) m_buffer->clear();
+}
+
+void OutputDataBuffer::expectBytes(long long numBytes) {
+    if (!m_buffer || numBytes <= 0) return;
+    // Reserved room is address space until bytes arrive, so a size that a
+    // server announces but never sends costs no memory; a size too large to
+    // reserve just leaves the buffer to grow as the bytes come.
+    try {
+        m_buffer->reserve(m_buffer->getSize() + static_cast<size_t>(numBytes));
+    } catch (const std::exception&) {
+    }
 }
 
 bool OutputDataBuffer::writeImpl(const unsigned char* data, size_t numBytes, LogBase& log) {

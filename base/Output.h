@@ -21,6 +21,9 @@ public:
                     LogBase& log);
     // Makes the sink clean before it is reused.
     virtual void resetOutput(LogBase& log) = 0;
+    // Told before numBytes are written, so that a sink in memory can make
+    // room once instead of growing (and copying) step by step.
+    virtual void expectBytes(long long numBytes) { (void)numBytes; }
 
     bool m_reportsProgress = false;
 
@@ -33,6 +36,7 @@ class OutputDataBuffer : public _vqOutput {
 public:
     explicit OutputDataBuffer(DataBuffer* buffer) : m_buffer(buffer) {}
     void resetOutput(LogBase& log) override;
+    void expectBytes(long long numBytes) override;
 
 protected:
     bool writeImpl(const unsigned char* data, size_t numBytes, LogBase& log) override;

@@ -13,7 +13,8 @@
 # It checks that the harness works; it says nothing about speed.
 #
 # Environment: BENCH_RUNS (counted rounds, default 5), BENCH_CIPHERS (space-
-# separated), BENCH_TMP (where the data sets go, default /tmp), BENCH_KEEP=1
+# separated), BENCH_CASES (a regular expression: only the cases whose title
+# matches run; the results then go to BUILD_DIR/bench-partial), BENCH_TMP (where the data sets go, default /tmp), BENCH_KEEP=1
 # (keep the work directory with the data sets and raw samples).
 set -euo pipefail
 
@@ -57,6 +58,7 @@ else
     SMALL_DIRS=100 SMALL_PER_DIR=100
     OUT=$HERE/results
 fi
+[ -z "${BENCH_CASES:-}" ] || OUT=$BUILD/bench-partial
 SMALL_FILES=$((SMALL_DIRS * SMALL_PER_DIR))
 SMALL_BYTES=$((SMALL_FILES * 1024))
 LARGE_BYTES=$((LARGE_FILES * LARGE_FILE_BYTES))
@@ -157,12 +159,17 @@ TARGETS_FILE=$WORK/targets.tsv
 : >"$TARGETS_FILE"
 : >"$GROUPS_FILE"
 : >"$ROWS_FILE"
-GROUP=0
+GROUP=0 SKIP=0
 ROW_LABELS=() ROW_KINDS=() ROW_PREPS=() ROW_CMDS=()
 
 # group TITLE BYTES: starts a case; its first row of kind "anchor" is what
 # the others are compared with.
 group() {
+    SKIP=0
+    if [ -n "${BENCH_CASES:-}" ] && ! [[ $1 =~ $BENCH_CASES ]]; then
+        SKIP=1
+        return 0
+    fi
     GROUP=$((GROUP + 1))
     printf '%s\t%s\t%s\n' "$GROUP" "$1" "$2" >>"$GROUPS_FILE"
     ROW_LABELS=() ROW_KINDS=() ROW_PREPS=() ROW_CMDS=()
@@ -170,6 +177,7 @@ group() {
 # row KIND LABEL PREP COMMAND: KIND is ours, anchor or ref (a reference such
 # as the transport ceiling); PREP runs untimed before every run.
 row() {
+    [ "$SKIP" = 0 ] || return 0
     ROW_KINDS+=("$1") ROW_LABELS+=("$2") ROW_PREPS+=("$3") ROW_CMDS+=("$4")
     printf '%s\t%s\t%s\t%s\n' "$GROUP" "${#ROW_LABELS[@]}" "$1" "$2" >>"$ROWS_FILE"
 }
@@ -177,7 +185,16 @@ row() {
 # target KIND OUR_ROW REFERENCE_ROW TEXT: a goal on the current case
 # (kinds: faster, ceiling, ratio, memory; see report.sh).
 target() {
+    [ "$SKIP" = 0 ] || return 0
     printf '%s\t%s\t%s\t%s\t%s\n' "$1" "$GROUP" "$2" "$3" "$4" >>"$TARGETS_FILE"
+}
+
+# verify MESSAGE COMMAND...: after a case, checks what the tools wrote.
+verify() {
+    [ "$SKIP" = 0 ] || return 0
+    local message=$1
+    shift
+    "$@" >/dev/null || { say "bench: $message"; exit 1; }
 }
 
 ELAPSED_FILE=$WORK/elapsed
@@ -210,6 +227,7 @@ run_row() {
 # Runs the current case: warm-up rounds, then counted rounds, each running
 # every row once in the same order.
 run_group() {
+    [ "$SKIP" = 0 ] || return 0
     local title
     title=$(awk -F'\t' -v g="$GROUP" '$1 == g { print $2 }' "$GROUPS_FILE")
     say "bench: [$GROUP] $title"
@@ -242,8 +260,8 @@ for c in "${CIPHERS[@]}"; do
     target ceiling 2 4 "close to the transport's ceiling"
     target memory 2 0 "memory"
     run_group
-    cmp -s "$BIG" "$R/big.put" && cmp -s "$BIG" "$R/big.mem" ||
-        { say "bench: uploaded bytes differ"; exit 1; }
+    verify "uploaded bytes differ" cmp "$BIG" "$R/big.put"
+    verify "uploaded bytes differ" cmp "$BIG" "$R/big.mem"
 
     group "$BIGNAME file down, ${c%%@*}" "$BIG_BYTES"
     row anchor "scp -O" "rm -f $L/big.scp" "$(scp_O "$c") $HOST:$BIG $L/big.scp"
@@ -254,7 +272,7 @@ for c in "${CIPHERS[@]}"; do
     target ceiling 2 4 "close to the transport's ceiling"
     target memory 2 0 "memory"
     run_group
-    cmp -s "$BIG" "$L/big.get" || { say "bench: downloaded bytes differ"; exit 1; }
+    verify "downloaded bytes differ" cmp "$BIG" "$L/big.get"
     rm -f "$R"/big.* "$L"/big.*
 done
 
@@ -268,7 +286,7 @@ tree_cases() {  # CIPHER SHORT-NAME TITLE SOURCE BYTES
     row ref "rsync -a" "rm -rf $R/$t.rsync" "$(rsync_a "$c") $src/ $HOST:$R/$t.rsync/"
     target faster 2 1 "at least as fast as scp -O -r -p"
     run_group
-    diff -r "$src" "$R/$t.ours" >/dev/null || { say "bench: uploaded tree differs"; exit 1; }
+    verify "uploaded tree differs" diff -r "$src" "$R/$t.ours"
 
     group "$name down, ${c%%@*}" "$bytes"
     row anchor "scp -O -r -p" "rm -rf $L/$t.scp" "$(scp_O "$c") -r -p $HOST:$src $L/$t.scp"
@@ -276,7 +294,7 @@ tree_cases() {  # CIPHER SHORT-NAME TITLE SOURCE BYTES
     row ref "rsync -a" "rm -rf $L/$t.rsync" "$(rsync_a "$c") $HOST:$src/ $L/$t.rsync/"
     target faster 2 1 "at least as fast as scp -O -r -p"
     run_group
-    diff -r "$src" "$L/$t.ours" >/dev/null || { say "bench: downloaded tree differs"; exit 1; }
+    verify "downloaded tree differs" diff -r "$src" "$L/$t.ours"
     rm -rf "$R/$t".* "$L/$t".*
 }
 for c in "${CIPHERS[@]}"; do
@@ -313,7 +331,7 @@ target ratio 3 1 "against rsync"
 target ratio 2 4 "against the floor of one round trip per file"
 run_group
 for d in m2 m5 rsync; do
-    diff -r "$SMALL" "$R/noop.$d" >/dev/null || { say "bench: no-op upload changed the tree"; exit 1; }
+    verify "no-op upload changed the tree" diff -r "$SMALL" "$R/noop.$d"
 done
 
 # Before every run the first file of each directory gets new bytes and a
@@ -332,14 +350,14 @@ row anchor "rsync -a" "change_small" "$(rsync_a "$c") $HOST:$SMALL/ $L/noop.rsyn
 row ours "SyncTreeDownload mode 2" "change_small" "$(ours "$c") tree-down 2 $SMALL $L/noop.m2"
 target ratio 2 1 "against rsync"
 run_group
-diff -r "$SMALL" "$L/noop.m2" >/dev/null || { say "bench: changed files not downloaded"; exit 1; }
+verify "changed files not downloaded" diff -r "$SMALL" "$L/noop.m2"
 
 group "re-sync of $CHANGED changed files up, ${c%%@*}" $((CHANGED * 1024))
 row anchor "rsync -a" "change_small" "$(rsync_a "$c") $SMALL/ $HOST:$R/noop.rsync/"
 row ours "SyncTreeUpload mode 2" "change_small" "$(ours "$c") tree-up 2 $SMALL $R/noop.m2"
 target ratio 2 1 "against rsync"
 run_group
-diff -r "$SMALL" "$R/noop.m2" >/dev/null || { say "bench: changed files not uploaded"; exit 1; }
+verify "changed files not uploaded" diff -r "$SMALL" "$R/noop.m2"
 
 # ---- the report ---------------------------------------------------------------------
 mkdir -p "$OUT"

@@ -471,6 +471,7 @@ bool ClsSsh::channelReadNToOutput(int channel, long long numBytes, _vqOutput& ou
         return false;
     }
     ProgressMonitor* pm = sp.m_progressMonitor;
+    out.expectBytes(numBytes);
     long long remaining = numBytes;
     while (remaining > 0) {
         // Bytes already received go first; the rest comes straight from the

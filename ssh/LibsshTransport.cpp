@@ -117,9 +117,7 @@ void LibsshTransport::logSessionError(const char* what, LogBase& log) {
 }
 
 void LibsshTransport::disconnect() {
-    for (auto& entry : m_channels) {
-        if (entry.second->handle) ssh_channel_free(entry.second->handle);
-    }
+    for (auto& entry : m_channels) freeHandle(*entry.second);
     m_channels.clear();
     if (m_session) {
         if (m_connected) ssh_disconnect(m_session);
@@ -282,7 +280,7 @@ int LibsshTransport::openChannel(LogBase& log) {
     if (ssh_set_channel_callbacks(c->handle, &c->callbacks) != SSH_OK ||
         ssh_channel_open_session(c->handle) != SSH_OK) {
         logSessionError("The server did not open a session channel.", log);
-        ssh_channel_free(c->handle);
+        freeHandle(*c);
         return -1;
     }
     int id = allocateChannelId();
@@ -440,11 +438,20 @@ bool LibsshTransport::receivedClose(int ch) {
     return true;
 }
 
+void LibsshTransport::freeHandle(Channel& c) {
+    if (!c.handle) return;
+    // libssh keeps a freed channel until the server's CLOSE comes and still
+    // calls its callbacks then, while processing some other channel: they
+    // must not point into the entry, which is gone by that time.
+    ssh_remove_channel_callbacks(c.handle, &c.callbacks);
+    ssh_channel_free(c.handle);
+    c.handle = nullptr;
+}
+
 void LibsshTransport::releaseChannel(int ch) {
     auto it = m_channels.find(ch);
     if (it == m_channels.end()) return;
-    // Frees the handle first: libssh holds the callbacks stored in the entry.
-    if (it->second->handle) ssh_channel_free(it->second->handle);
+    freeHandle(*it->second);
     m_channels.erase(it);
 }
 

@@ -88,6 +88,8 @@ class LibsshTransport : public SshTransport {
   private:
     struct Channel;
     Channel* find(int ch, LogBase* log);
+    // Detaches the entry's callbacks and frees its libssh channel.
+    void freeHandle(Channel& c);
     // Processes incoming packets for at most timeoutMs (window adjustments,
     // the peer's CLOSE). False when the session failed.
     bool pumpSession(int timeoutMs, LogBase& log);

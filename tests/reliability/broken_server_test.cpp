@@ -1,8 +1,12 @@
 // Remote programs that break off: killed, stalled, talking without end.
 // Each transfer must return false within the stall timeout, never hang,
 // and a failed download must leave no local file.
+#include <dirent.h>
 #include <gtest/gtest.h>
+#include <signal.h>
 
+#include <fstream>
+#include <set>
 #include <string>
 
 #include "base/DataBuffer.h"
@@ -127,6 +131,114 @@ TEST(BrokenServer, ConnectionServesTheNextTransfer) {
         XString source((local / "roundtrip").c_str());
         ASSERT_TRUE(rig.scp.DownloadBinary(source, back, nullptr)) << lastError(rig.scp);
         EXPECT_TRUE(back.equals(data.data(), data.size()));
+    }
+}
+
+// ---------------------------------------------------------------------------
+// Over a real sshd whose session processes are killed or frozen mid-transfer
+
+// Every process below `root` (the sshd that serves one test's connection).
+std::set<pid_t> descendants(pid_t root) {
+    std::map<pid_t, pid_t> parent;
+    if (DIR* proc = ::opendir("/proc")) {
+        while (dirent* e = ::readdir(proc)) {
+            const pid_t pid = static_cast<pid_t>(std::atoi(e->d_name));
+            if (pid <= 0) continue;
+            std::ifstream stat(std::string("/proc/") + e->d_name + "/stat");
+            std::string text((std::istreambuf_iterator<char>(stat)), {});
+            const size_t close = text.rfind(')');
+            if (close == std::string::npos) continue;
+            std::istringstream rest(text.substr(close + 1));
+            char state;
+            pid_t ppid = 0;
+            rest >> state >> ppid;
+            parent[pid] = ppid;
+        }
+        ::closedir(proc);
+    }
+    std::set<pid_t> out;
+    for (bool grew = true; grew;) {
+        grew = false;
+        for (const auto& [pid, ppid] : parent)
+            if ((ppid == root || out.count(ppid)) && out.insert(pid).second) grew = true;
+    }
+    return out;
+}
+
+void signalSession(pid_t sshd, int sig) {
+    for (pid_t pid : descendants(sshd)) ::kill(pid, sig);
+}
+
+// Sends a signal to the session's processes once the transfer passes 10 %.
+class SignalMidway : public ProgressEvent {
+  public:
+    SignalMidway(pid_t sshd, int sig) : m_sshd(sshd), m_sig(sig) {}
+    void OnPercent(int percent, bool&) override {
+        if (percent >= 10 && !sent) {
+            signalSession(m_sshd, m_sig);
+            sent = true;
+        }
+    }
+    bool sent = false;
+
+  private:
+    pid_t m_sshd;
+    int m_sig;
+};
+
+TEST(BrokenServer, SshdSessionKilledOrFrozenMidTransfer) {
+    TempDir dir("sshd");
+    const std::string fake = installFakeScp(dir.path());
+    SshdOptions options;
+    options.extraConfig = "ForceCommand " + fake + "\nAcceptEnv SCPKIT_FAKE\n";
+    SshdFixture sshd(options);
+    if (!sshd.ok()) GTEST_SKIP() << sshd.error();
+    const std::string big = patternBytes(longTests() ? (256u << 20) : (32u << 20), 21);
+    writeFile(dir / "big.bin", big);
+
+    const struct {
+        const char* name;
+        int sig;  // 0: the fake scp dies by itself
+        bool upload;
+        const char* logged;
+    } rows[] = {
+        {"remote scp killed", 0, false, "Failed to stream file data"},
+        {"session killed during a download", SIGKILL, false, "sshError: Socket error"},
+        {"session killed during an upload", SIGKILL, true, "sshError: Socket error"},
+        {"session frozen during a download", SIGSTOP, false,
+         "No data received within the stall timeout."},
+        {"session frozen during an upload", SIGSTOP, true,
+         "No data could be sent within the stall timeout."},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        ClsSsh ssh;
+        ClsScp scp;
+        ASSERT_TRUE(sshd.connectAndLogin(ssh)) << lastError(ssh);
+        ssh.put_StallTimeoutMs(1500);
+        scp.UseSsh(ssh);
+        XString env(row.sig == 0 ? "{\"SCPKIT_FAKE\":\"killed-mid-download\"}"
+                                 : "{\"SCPKIT_FAKE\":\"real\"}");
+        scp.put_SendEnv(env);
+        SignalMidway midway(sshd.pid(), row.sig);
+        bool ok;
+        if (row.upload) {
+            XString local((dir / "big.bin").c_str()), remote((dir / "up.bin").c_str());
+            ok = scp.UploadFile(local, remote, row.sig ? &midway : nullptr);
+        } else {
+            XString remote((dir / "big.bin").c_str()), local((dir / "down.bin").c_str());
+            ok = scp.DownloadFile(remote, local, row.sig ? &midway : nullptr);
+            EXPECT_FALSE(exists(dir / "down.bin"));
+        }
+        EXPECT_FALSE(ok);
+        EXPECT_NE(lastError(scp).find(row.logged), std::string::npos) << lastError(scp);
+        if (row.sig) {
+            EXPECT_TRUE(midway.sent);
+        }
+        if (row.sig == SIGSTOP) {
+            signalSession(sshd.pid(), SIGCONT);
+            signalSession(sshd.pid(), SIGKILL);
+        }
     }
 }
 

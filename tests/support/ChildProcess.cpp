@@ -4,187 +4,104 @@
 #include <poll.h>
 #include <pty.h>
 #include <sys/wait.h>
-#include <unistd.h>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
-#include <cstring>
-#include <map>
 
 extern char** environ;
 
 namespace scpkit::test {
 
-namespace {
-
-std::vector<std::string> childEnvironment(const std::vector<std::string>& changes) {
-    std::map<std::string, std::string> vars;
-    for (char** e = environ; *e; ++e) {
-        std::string entry = *e;
-        size_t eq = entry.find('=');
-        if (eq != std::string::npos) vars[entry.substr(0, eq)] = entry.substr(eq + 1);
-    }
-    for (const std::string& change : changes) {
-        size_t eq = change.find('=');
-        if (eq == std::string::npos) {
-            vars.erase(change);
-        } else {
-            vars[change.substr(0, eq)] = change.substr(eq + 1);
-        }
-    }
-    std::vector<std::string> out;
-    for (const auto& [name, value] : vars) out.push_back(name + "=" + value);
-    return out;
-}
-
-void closeFd(int& fd) {
-    if (fd >= 0) close(fd);
-    fd = -1;
-}
-
-}  // namespace
-
 ChildProcess::~ChildProcess() {
-    if (m_pid > 0) {
-        kill(m_pid, SIGKILL);
-        waitpid(m_pid, nullptr, 0);
-    }
-    closeFd(m_in);
-    closeFd(m_out);
-    closeFd(m_err);
+    if (m_pid > 0 && kill(m_pid, SIGKILL) == 0) waitpid(m_pid, nullptr, 0);
+    for (int& fd : m_fd) closeFd(fd);
 }
 
 bool ChildProcess::start(const std::string& program, const std::vector<std::string>& args,
                          const std::vector<std::string>& env, const std::string& input,
                          int terminalColumns) {
-    std::vector<std::string> envStrings = childEnvironment(env);
-    std::vector<std::string> argStrings = {program};
+    // env(1) applies the changes to the environment; everything the child
+    // needs is built before fork.
+    std::vector<std::string> argStrings = {"/usr/bin/env"};
+    for (const std::string& e : env)  // removals first: env(1) takes its options before the rest
+        if (e.find('=') == std::string::npos) argStrings.insert(argStrings.begin() + 1, {"-u", e});
+    for (const std::string& e : env)
+        if (e.find('=') != std::string::npos) argStrings.push_back(e);
+    argStrings.push_back(program);
     argStrings.insert(argStrings.end(), args.begin(), args.end());
-    // Everything the child needs is built before fork.
-    std::vector<char*> argv, envp;
+    std::vector<char*> argv;
     for (std::string& a : argStrings) argv.push_back(a.data());
     argv.push_back(nullptr);
-    for (std::string& e : envStrings) envp.push_back(e.data());
-    envp.push_back(nullptr);
     m_input = input;
-    m_inputSent = 0;
-
-    if (terminalColumns > 0) {
-        struct winsize ws {};
-        ws.ws_col = static_cast<unsigned short>(terminalColumns);
-        ws.ws_row = 24;
-        int master = -1;
-        m_pid = forkpty(&master, nullptr, nullptr, &ws);
-        if (m_pid < 0) return false;
-        if (m_pid == 0) {
-            execve(argv[0], argv.data(), envp.data());
-            _exit(127);
-        }
-        m_out = master;
-        m_in = dup(master);
-        return true;
-    }
-
-    int in[2], out[2], err[2];
-    if (pipe2(in, O_CLOEXEC) != 0) return false;
-    if (pipe2(out, O_CLOEXEC) != 0 || pipe2(err, O_CLOEXEC) != 0) return false;
-    m_pid = fork();
-    if (m_pid < 0) return false;
-    if (m_pid == 0) {
-        dup2(in[0], 0);
-        dup2(out[1], 1);
-        dup2(err[1], 2);
-        signal(SIGINT, SIG_DFL);
-        execve(argv[0], argv.data(), envp.data());
+    auto exec = [&argv] {
+        signal(SIGINT, SIG_DFL);  // this process may ignore them; the child must not
+        signal(SIGPIPE, SIG_DFL);
+        execve(argv[0], argv.data(), environ);
         _exit(127);
+    };
+    if (terminalColumns > 0) {
+        winsize ws{24, static_cast<unsigned short>(terminalColumns), 0, 0};
+        m_pid = forkpty(&m_fd[1], nullptr, nullptr, &ws);
+        m_fd[0] = dup(m_fd[1]);  // input and output share the terminal
+    } else {
+        int p[3][2];
+        if (pipe2(p[0], O_CLOEXEC) || pipe2(p[1], O_CLOEXEC) || pipe2(p[2], O_CLOEXEC))
+            return false;
+        m_pid = fork();
+        for (int i = 0; i < 3; ++i) {
+            int childEnd = p[i][i == 0 ? 0 : 1];
+            m_pid == 0 ? dup2(childEnd, i) : close(childEnd);
+            m_fd[i] = p[i][i == 0 ? 1 : 0];
+        }
     }
-    close(in[0]);
-    close(out[1]);
-    close(err[1]);
-    m_in = in[1];
-    m_out = out[0];
-    m_err = err[0];
-    return true;
+    if (m_pid == 0) exec();
+    return m_pid > 0;
 }
 
 ChildResult ChildProcess::finish(int timeoutMs) {
-    ChildResult result;
     auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    bool terminal = m_err < 0;
-    if (!terminal && m_input.empty()) closeFd(m_in);
-    if (m_in >= 0) fcntl(m_in, F_SETFL, fcntl(m_in, F_GETFL) | O_NONBLOCK);
-    signal(SIGPIPE, SIG_IGN);
-
-    while (m_out >= 0 || m_err >= 0) {
-        auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-                        deadline - std::chrono::steady_clock::now())
-                        .count();
-        if (left <= 0) {
-            result.timedOut = true;
-            kill(m_pid, SIGKILL);
-            break;
+    ChildResult r;
+    signal(SIGPIPE, SIG_IGN);  // a child that exits early must not end the test
+    if (m_fd[0] >= 0) fcntl(m_fd[0], F_SETFL, O_NONBLOCK);
+    while (m_pid > 0 && (m_fd[1] >= 0 || m_fd[2] >= 0)) {
+        long left = (deadline - std::chrono::steady_clock::now()) / std::chrono::milliseconds(1);
+        if ((r.timedOut = left <= 0)) break;
+        // A pipe's end of input is its closing; a terminal stays open.
+        if (m_inputSent == m_input.size() && !isatty(m_fd[0])) closeFd(m_fd[0]);
+        pollfd fds[3] = {{m_inputSent < m_input.size() ? m_fd[0] : -1, POLLOUT, 0},
+                         {m_fd[1], POLLIN, 0},
+                         {m_fd[2], POLLIN, 0}};
+        if (poll(fds, 3, left > 200 ? 200 : static_cast<int>(left)) <= 0) continue;
+        if (fds[0].revents) {
+            ssize_t n = write(m_fd[0], m_input.data() + m_inputSent, m_input.size() - m_inputSent);
+            if (n > 0) m_inputSent += static_cast<size_t>(n);
+            if (n < 0 && errno != EAGAIN) m_inputSent = m_input.size();  // the reader has gone
         }
-        std::vector<pollfd> fds;
-        if (m_out >= 0) fds.push_back({m_out, POLLIN, 0});
-        if (m_err >= 0) fds.push_back({m_err, POLLIN, 0});
-        bool feeding = m_in >= 0 && m_inputSent < m_input.size();
-        if (feeding) fds.push_back({m_in, POLLOUT, 0});
-        int n = poll(fds.data(), fds.size(), static_cast<int>(std::min<long long>(left, 200)));
-        if (n < 0 && errno != EINTR) break;
-        for (const pollfd& p : fds) {
-            if (!p.revents) continue;
-            if (p.fd == m_in) {
-                ssize_t w = write(m_in, m_input.data() + m_inputSent, m_input.size() - m_inputSent);
-                if (w > 0) m_inputSent += static_cast<size_t>(w);
-                if (w < 0 && errno != EAGAIN) m_inputSent = m_input.size();
-                if (!terminal && m_inputSent == m_input.size()) closeFd(m_in);
-                continue;
-            }
+        for (int i = 1; i < 3; ++i) {
             char buf[65536];
-            ssize_t r = read(p.fd, buf, sizeof buf);
-            std::string& sink = p.fd == m_out ? result.out : result.err;
-            if (r > 0) {
-                sink.append(buf, static_cast<size_t>(r));
-                if (!m_trigger.empty() && sink.find(m_trigger) != std::string::npos) {
-                    m_input += m_reply;
-                    m_trigger.clear();
-                }
-            } else if (r == 0 || (errno != EINTR && errno != EAGAIN)) {
-                // EOF; on a terminal, EIO once the child has gone.
-                closeFd(p.fd == m_out ? m_out : m_err);
-            }
+            ssize_t n = fds[i].revents ? read(m_fd[i], buf, sizeof buf) : -2;
+            std::string& sink = i == 1 ? r.out : r.err;
+            if (n > 0) sink.append(buf, static_cast<size_t>(n));
+            if (n > 0 && !reply.empty() && sink.find(trigger) != std::string::npos)
+                m_input += std::exchange(reply, std::string());
+            // End of file; EIO on a terminal once its child has gone.
+            if (n == 0 || (n == -1 && errno != EINTR && errno != EAGAIN)) closeFd(m_fd[i]);
         }
     }
-    closeFd(m_in);
-    closeFd(m_out);
-    closeFd(m_err);
-
-    int status = 0;
-    for (;;) {
-        pid_t r = waitpid(m_pid, &status, result.timedOut ? 0 : WNOHANG);
-        if (r == m_pid) break;
-        if (r < 0) return result;
-        if (std::chrono::steady_clock::now() > deadline) {
-            result.timedOut = true;
-            kill(m_pid, SIGKILL);
-            continue;
-        }
-        usleep(5000);
-    }
+    for (int& fd : m_fd) closeFd(fd);
+    // Both outputs closed: the child is ending; after a timeout it is made to.
+    int status = -1;
+    if (r.timedOut) kill(m_pid, SIGKILL);  // only a running child can time out
+    if (m_pid > 0) waitpid(m_pid, &status, 0);
     m_pid = -1;
-    if (WIFEXITED(status)) result.exitStatus = WEXITSTATUS(status);
-    if (WIFSIGNALED(status)) result.termSignal = WTERMSIG(status);
-    return result;
+    if (WIFEXITED(status)) r.exitStatus = WEXITSTATUS(status);
+    return r;
 }
 
 ChildResult runChild(const std::string& program, const std::vector<std::string>& args,
                      const std::vector<std::string>& env, const std::string& input, int timeoutMs) {
     ChildProcess child;
-    ChildResult result;
-    if (!child.start(program, args, env, input)) {
-        result.err = std::string("cannot start ") + program + ": " + std::strerror(errno);
-        return result;
-    }
+    child.start(program, args, env, input);
     return child.finish(timeoutMs);
 }
 

@@ -3,15 +3,15 @@
 // all three), a deadline after which the child is killed by its PID.
 #pragma once
 
-#include <sys/types.h>
+#include <unistd.h>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace scpkit::test {
 
 struct ChildResult {
     int exitStatus = -1;  // -1 when the child did not exit normally
-    int termSignal = 0;   // the signal that ended it, if any
     bool timedOut = false;
     std::string out;  // standard output, or everything the terminal showed
     std::string err;  // standard error (empty on a terminal)
@@ -33,22 +33,20 @@ class ChildProcess {
     pid_t pid() const { return m_pid; }
 
     // Once `trigger` has appeared in the output, `reply` is written to the
-    // child's input (as a person answers a prompt).
-    void replyWhenSeen(const std::string& trigger, const std::string& reply) {
-        m_trigger = trigger;
-        m_reply = reply;
-    }
+    // child's input, once (as a person answers a prompt).
+    std::string trigger, reply;
 
-    // Feeds the input, collects the output, and waits for the exit; after
+    // Feeds the input, collects the output and waits for the exit; after
     // timeoutMs the child is killed.
     ChildResult finish(int timeoutMs);
 
   private:
+    static void closeFd(int& fd) { ::close(std::exchange(fd, -1)); }  // -1: nothing to close
+
     pid_t m_pid = -1;
-    int m_in = -1, m_out = -1, m_err = -1;  // m_out is the terminal's master side
+    int m_fd[3] = {-1, -1, -1};  // the child's input, output, error
     std::string m_input;
     size_t m_inputSent = 0;
-    std::string m_trigger, m_reply;
 };
 
 // start + finish in one call.

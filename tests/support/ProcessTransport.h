@@ -15,7 +15,7 @@
 namespace scpkit::test {
 
 class ProcessTransport : public SshTransport {
-public:
+  public:
     // Children start in workDir (the current directory when empty).
     explicit ProcessTransport(std::string workDir = "");
     ~ProcessTransport() override;  // kills and reaps children still running
@@ -35,16 +35,13 @@ public:
     bool receivedClose(int ch) override;
     void releaseChannel(int ch) override;
 
-    // The last command exec'd on any channel.
-    std::string lastCommand() const;
-
-private:
+  private:
     struct Child;
+    Child* find(int ch);  // the lock is held
     std::string m_workDir;
-    mutable std::mutex m_mutex;
+    std::mutex m_mutex;
     std::map<int, std::unique_ptr<Child>> m_children;
     int m_next = 0;
-    std::string m_lastCommand;
 };
 
 }  // namespace scpkit::test

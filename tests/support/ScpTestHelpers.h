@@ -2,16 +2,17 @@
 // scratch directories and whole-file reads and writes.
 #pragma once
 
-#include <dirent.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <sys/stat.h>
 
-#include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <initializer_list>
+#include <iterator>
 #include <sstream>
 #include <string>
+#include <system_error>
 
 #include "base/ClsBase.h"
 #include "base/Logger.h"
@@ -31,12 +32,11 @@ inline std::string renderedLog(const _vqLogger& log) {
     return out;
 }
 
-// Every non-empty `present` text occurs in the log, no non-empty `absent` one does.
+// Every `present` text occurs in the log, no non-empty `absent` one does.
 inline void expectLog(const std::string& log, std::initializer_list<std::string> present,
                       std::initializer_list<std::string> absent = {}) {
     for (const auto& p : present)
-        EXPECT_TRUE(p.empty() || log.find(p) != std::string::npos) << "missing: " << p << "\n"
-                                                                   << log;
+        EXPECT_NE(log.find(p), std::string::npos) << "missing: " << p << "\n" << log;
     for (const auto& a : absent)
         EXPECT_TRUE(a.empty() || log.find(a) == std::string::npos) << "unexpected: " << a << "\n"
                                                                    << log;
@@ -45,13 +45,13 @@ inline void expectLog(const std::string& log, std::initializer_list<std::string>
 // A fresh directory under /tmp, removed with its content on destruction.
 class ScratchDir {
   public:
-    explicit ScratchDir(const char* tag = "scpkit") {
-        std::string pattern = std::string("/tmp/") + tag + "-XXXXXX";
-        m_path = mkdtemp(&pattern[0]) ? pattern : "";
+    explicit ScratchDir(const char* tag = "scpkit")
+        : m_path(std::string("/tmp/") + tag + "-XXXXXX") {
+        if (!::mkdtemp(&m_path[0])) m_path.clear();
     }
     ~ScratchDir() {
-        if (!m_path.empty() && std::system(("rm -rf '" + m_path + "'").c_str()) != 0) {
-        }
+        std::error_code ec;
+        if (!m_path.empty()) std::filesystem::remove_all(m_path, ec);
     }
     ScratchDir(const ScratchDir&) = delete;
     ScratchDir& operator=(const ScratchDir&) = delete;
@@ -64,20 +64,18 @@ class ScratchDir {
 
 inline bool writeWholeFile(const std::string& path, const std::string& bytes) {
     std::ofstream f(path, std::ios::binary | std::ios::trunc);
-    f.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-    return static_cast<bool>(f);
+    return static_cast<bool>(f << bytes);
 }
 
 inline std::string readWholeFile(const std::string& path) {
-    std::ifstream f(path, std::ios::binary);
     std::ostringstream ss;
-    ss << f.rdbuf();
+    ss << std::ifstream(path, std::ios::binary).rdbuf();
     return ss.str();
 }
 
 inline bool pathExists(const std::string& path) {
     struct stat st;
-    return ::stat(path.c_str(), &st) == 0;
+    return ::lstat(path.c_str(), &st) == 0;
 }
 
 inline unsigned fileMode(const std::string& path) {
@@ -90,15 +88,11 @@ inline long long fileMtime(const std::string& path) {
     return ::stat(path.c_str(), &st) == 0 ? static_cast<long long>(st.st_mtime) : -1;
 }
 
-// Entries of a directory, "." and ".." not counted.
-inline int countEntries(const std::string& dir) {
-    DIR* d = ::opendir(dir.c_str());
-    if (!d) return -1;
-    int n = 0;
-    while (dirent* e = ::readdir(d))
-        n += std::string(e->d_name) != "." && e->d_name != std::string("..");
-    ::closedir(d);
-    return n;
+// Entries of a directory ("." and ".." not counted); -1 when it cannot be listed.
+inline long countEntries(const std::string& dir) {
+    std::error_code ec;
+    std::filesystem::directory_iterator it(dir, ec);
+    return ec ? -1 : static_cast<long>(std::distance(it, std::filesystem::directory_iterator()));
 }
 
 }  // namespace scpkit::test

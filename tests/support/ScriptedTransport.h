@@ -27,44 +27,51 @@ namespace scpkit::test {
 class ScriptedPeer {
   public:
     // ---- the script, played in order ----
-    ScriptedPeer& send(const std::string& bytes);       // data stream
-    ScriptedPeer& sendStderr(const std::string& text);  // error stream
-    ScriptedPeer& awaitBytes(size_t numBytes);  // pause until the client wrote that many more bytes
-    ScriptedPeer& awaitWrites(size_t numWrites);  // pause until that many more write calls
-    ScriptedPeer& eof();                          // the peer's EOF
-    ScriptedPeer& close();                        // the peer's CLOSE
-    ScriptedPeer& closeOnClientClose();           // CLOSE as soon as the client sends CLOSE
-    ScriptedPeer& refuseEnv(const std::string& name);
-    ScriptedPeer& refuseExec();
+    ScriptedPeer& send(const std::string& bytes) { return add(Data, bytes); }
+    ScriptedPeer& sendStderr(const std::string& text) { return add(Stderr, text); }
+    // Pause until the client wrote that many more bytes, or made that many more writes,
+    // counted from when everything scripted before has been played.
+    ScriptedPeer& awaitBytes(size_t numBytes) { return add(AwaitBytes, "", numBytes); }
+    ScriptedPeer& awaitWrites(size_t numWrites) { return add(AwaitWrites, "", numWrites); }
+    ScriptedPeer& eof() { return add(Eof); }
+    ScriptedPeer& close() { return add(Close); }
+    // ---- standing behaviour ----
+    ScriptedPeer& closeOnClientClose() {
+        m_closeOnClientClose = true;
+        return *this;
+    }
+    ScriptedPeer& refuseEnv(const std::string& name) {
+        m_refusedEnv.insert(name);
+        return *this;
+    }
 
     // ---- what the client did ----
     std::string written;              // every data byte, in order
     std::vector<std::string> writes;  // one entry per write call
     std::string execCommand;
     std::vector<std::pair<std::string, std::string>> envRequests;  // accepted and refused
-    bool clientSentEof = false;
     bool clientSentClose = false;
-    bool released = false;  // the client let go of the channel
 
   private:
     friend class ScriptedTransport;
+    enum Kind { Data, Stderr, AwaitBytes, AwaitWrites, Eof, Close };
     struct Step {
-        enum Kind { Data, Stderr, AwaitBytes, AwaitWrites, Eof, Close } kind;
+        Kind kind;
         std::string bytes;
-        size_t count = 0;
+        size_t count;
+        bool armed = false;  // an await's count has been made absolute
     };
-    void advance();  // releases steps whose wait is over
+    ScriptedPeer& add(Kind kind, const std::string& bytes = "", size_t count = 0) {
+        m_steps.push_back({kind, bytes, count});
+        return *this;
+    }
+    void advance();  // plays the steps whose wait is over
 
     std::deque<Step> m_steps;
-    std::string m_readable;  // released, not yet read
+    std::string m_readable;  // played, not yet read
     std::string m_stderr;
-    size_t m_awaitTarget = 0;
-    bool m_awaitingBytes = false;
-    bool m_awaitingWrites = false;
-    bool m_eof = false;
-    bool m_close = false;
+    bool m_eof = false, m_close = false;
     bool m_closeOnClientClose = false;
-    bool m_execRefused = false;
     std::set<std::string> m_refusedEnv;
 };
 
@@ -73,11 +80,9 @@ class ScriptedTransport : public SshTransport {
     // Script of the index-th channel the client opens (0, 1, ...).
     ScriptedPeer& peer(int index);
     int channelsOpened() const { return m_opened; }
-    bool failOpen = false;  // openChannel fails
-    bool connected = true;
     size_t maxWriteSize = 0;  // > 0: each write accepts at most this many bytes
 
-    bool isConnected() override { return connected; }
+    bool isConnected() override { return true; }
     void describeServer(LogBase& log) override;
     int openChannel(LogBase& log) override;
     bool setEnv(int ch, const char* name, const char* value, LogBase& log) override;
@@ -94,9 +99,10 @@ class ScriptedTransport : public SshTransport {
     void releaseChannel(int ch) override;
 
   private:
+    ScriptedPeer* opened(int ch);  // null for a channel never opened; the lock is held
     std::mutex m_mutex;
-    std::condition_variable m_released;  // the client wrote or closed
-    std::deque<ScriptedPeer> m_peers;    // stable addresses
+    std::condition_variable m_wrote;   // the client wrote or closed
+    std::deque<ScriptedPeer> m_peers;  // stable addresses
     int m_opened = 0;
 };
 

@@ -32,9 +32,9 @@ inline DataBuffer bufferOf(const std::string& bytes) {
 }
 
 // Removed with everything below it (links not followed) at scope exit.
-struct ScratchDir {
-    ScratchDir() { EXPECT_NE(::mkdtemp(path.data()), nullptr); }
-    ~ScratchDir() {
+struct TempDir {
+    TempDir() { EXPECT_NE(::mkdtemp(path.data()), nullptr); }
+    ~TempDir() {
         ::nftw(
             path.c_str(), [](const char* p, auto, int, auto) { return ::remove(p); }, 16,
             FTW_DEPTH | FTW_PHYS);

@@ -17,7 +17,7 @@ namespace scpkit::test {
 namespace {
 
 TEST(Logger, RendersTheLastTopLevelCallAndTheDebugFileKeepsEveryLine) {
-    ScratchDir tmp;
+    TempDir tmp;
     const std::string path = tmp.write("debug.log", "earlier\n");
     const std::string first =
         "First:\n    scp_errors1: scp: /a: No such file\n        scp: /b: denied\n";
@@ -26,7 +26,7 @@ TEST(Logger, RendersTheLastTopLevelCallAndTheDebugFileKeepsEveryLine) {
     log.leaveContext();  // nothing open: ignored
     log.enterContext("First", true);
     log.LogData("scp_errors1", "scp: /a: No such file\nscp: /b: denied\n");
-    EXPECT_EQ(ScratchDir::read(path), "earlier\n" + first);  // written as it happens
+    EXPECT_EQ(TempDir::read(path), "earlier\n" + first);  // written as it happens
     log.leaveContext();
     {
         LogContextExitor outer(log, "UploadFile");
@@ -49,7 +49,7 @@ TEST(Logger, RendersTheLastTopLevelCallAndTheDebugFileKeepsEveryLine) {
             "        haveTimes: true\n        name: f\xC3\xA9.txt\n        Sending...\n"
             "    --sendFile\n--UploadFile\n";
     EXPECT_EQ(logText(log), head + tail + "not in the file\n");
-    EXPECT_EQ(ScratchDir::read(path),
+    EXPECT_EQ(TempDir::read(path),
               "earlier\n" + first + "--First\n" + head + "    quiet:\n    --quiet\n" + tail);
 }
 
@@ -110,7 +110,6 @@ TEST(ProgressMonitor, PercentFiresOnEveryChangeOfTheScaledValue) {
         }
         EXPECT_EQ(rec.percents, expected) << scale << " of " << total;
     }
-    EXPECT_EQ(ProgressMonitorPtr(nullptr, 0, 100, 10).getPm(), nullptr);
 }
 
 TEST(ProgressMonitor, PollsOnlyAfterTheIntervalAndAbortIsSticky) {

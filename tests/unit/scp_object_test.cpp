@@ -2,9 +2,7 @@
 // failure of every transfer made before UseSsh.
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <functional>
-#include <thread>
 
 #include "base/ClsBinData.h"
 #include "base/DataBuffer.h"
@@ -13,7 +11,7 @@
 #include "tests/support/ClsScpTestAccess.h"
 #include "tests/support/ScpTestHelpers.h"
 
-namespace scpkit {
+namespace scpkit::test {
 namespace {
 
 using A = ClsScpTestAccess;
@@ -21,13 +19,11 @@ using A = ClsScpTestAccess;
 // Each row applies after the rows before it, so that the rows that turn the
 // override off show that overridePerms keeps its earlier value.
 TEST(ScpObject, UnixPermOverrideSequence) {
-    struct Row {
-        const char* input;
-        const char* readBack;
+    const struct {
+        const char *input, *readBack;
         bool on;
         uint32_t perms;
-    };
-    const Row rows[] = {
+    } rows[] = {
         {" 0755 ", "0755", true, 0755},
         {"abc", "", false, 0755},
         {"600", "600", true, 0600},
@@ -38,9 +34,8 @@ TEST(ScpObject, UnixPermOverrideSequence) {
         {"04755", "04755", true, 04755},  // high bits kept here; the C line masks them
     };
     ClsScp scp;
-    EXPECT_EQ(A::objectType(scp), 39);
     EXPECT_EQ(A::overridePerms(scp), 0644u);
-    for (const Row& row : rows) {
+    for (const auto& row : rows) {
         SCOPED_TRACE(row.input);
         XString in(row.input), out;
         scp.put_UnixPermOverride(in);
@@ -69,7 +64,7 @@ TEST(ScpObject, UseSshHoldsOneReferenceAndReleasesIt) {
         first->put_StderrToStdout(true);
         EXPECT_TRUE(scp.UseSsh(*first));
         EXPECT_FALSE(first->get_StderrToStdout());
-        test::expectLog(test::lastErrorText(scp), {"UseSsh:\n    Success.\n--UseSsh"});
+        expectLog(lastErrorText(scp), {"UseSsh:\n    Success.\n--UseSsh"});
         first->put_StderrToStdout(true);
         EXPECT_TRUE(scp.UseSsh(*first));  // the same object: nothing changes
         EXPECT_EQ(first->getRefCount(), 2);
@@ -84,59 +79,29 @@ TEST(ScpObject, UseSshHoldsOneReferenceAndReleasesIt) {
     second->decRefCount();
 }
 
-TEST(ScpObject, GetterWaitsForTheObjectsCriticalSection) {
-    ClsScp scp;
-    std::atomic<bool> done{false};
-    scp.m_critSec.enterCriticalSection();
-    std::thread reader([&] {
-        XString out;
-        scp.get_SendEnv(out);
-        done = true;
-    });
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    EXPECT_FALSE(done.load());
-    scp.m_critSec.leaveCriticalSection();
-    reader.join();
-    EXPECT_TRUE(done.load());
-}
-
 // Every transfer checks for a bound SSH object before touching anything:
 // the caller's remote path is left as it was and no local file appears.
 TEST(ScpObject, TransfersFailBeforeUseSsh) {
-    test::ScratchDir dir;
+    ScratchDir dir;
     std::string file = dir.file("local.bin");
-    ASSERT_TRUE(test::writeWholeFile(file, "data"));
+    ASSERT_TRUE(writeWholeFile(file, "data"));
     XString local(file.c_str()), missing(dir.file("new.bin").c_str()), text("t"), cs("utf-8");
+    DataBuffer db;
+    ClsBinData bd;
     using Call = std::function<bool(ClsScp&, XString&)>;
     const std::pair<const char*, Call> calls[] = {
         {"UploadFile", [&](ClsScp& s, XString& r) { return s.UploadFile(local, r); }},
         {"DownloadFile", [&](ClsScp& s, XString& r) { return s.DownloadFile(r, missing); }},
         {"UploadString", [&](ClsScp& s, XString& r) { return s.UploadString(r, text, cs); }},
-        {"UploadBinary",
-         [](ClsScp& s, XString& r) {
-             DataBuffer b;
-             return s.UploadBinary(r, b);
-         }},
+        {"UploadBinary", [&](ClsScp& s, XString& r) { return s.UploadBinary(r, db); }},
         {"UploadBinaryEncoded",
          [&](ClsScp& s, XString& r) { return s.UploadBinaryEncoded(r, text, cs); }},
-        {"UploadBd",
-         [](ClsScp& s, XString& r) {
-             ClsBinData b;
-             return s.UploadBd(r, b);
-         }},
+        {"UploadBd", [&](ClsScp& s, XString& r) { return s.UploadBd(r, bd); }},
         {"DownloadString", [&](ClsScp& s, XString& r) { return s.DownloadString(r, cs, text); }},
-        {"DownloadBinary",
-         [](ClsScp& s, XString& r) {
-             DataBuffer b;
-             return s.DownloadBinary(r, b);
-         }},
+        {"DownloadBinary", [&](ClsScp& s, XString& r) { return s.DownloadBinary(r, db); }},
         {"DownloadBinaryEncoded",
          [&](ClsScp& s, XString& r) { return s.DownloadBinaryEncoded(r, cs, text); }},
-        {"DownloadBd",
-         [](ClsScp& s, XString& r) {
-             ClsBinData b;
-             return s.DownloadBd(r, b);
-         }},
+        {"DownloadBd", [&](ClsScp& s, XString& r) { return s.DownloadBd(r, bd); }},
     };
     for (const auto& [name, call] : calls) {
         SCOPED_TRACE(name);
@@ -144,14 +109,14 @@ TEST(ScpObject, TransfersFailBeforeUseSsh) {
         XString remote("/remote/dir/file.txt");
         EXPECT_FALSE(call(scp, remote));
         EXPECT_STREQ(remote.getUtf8(), "/remote/dir/file.txt");
-        std::string log = test::lastErrorText(scp);
+        std::string log = lastErrorText(scp);
         EXPECT_EQ(log.rfind(std::string(name) + ":\n", 0), 0u) << log;
-        test::expectLog(log, {"No SSH object has been set.  Must call UseSsh first.", "Failed."},
-                        {"Success."});
+        expectLog(log, {"No SSH object has been set.  Must call UseSsh first.", "Failed."},
+                  {"Success."});
     }
-    EXPECT_FALSE(test::pathExists(dir.file("new.bin")));
+    EXPECT_FALSE(pathExists(dir.file("new.bin")));
     EXPECT_STREQ(text.getUtf8(), "t");
 }
 
 }  // namespace
-}  // namespace scpkit
+}  // namespace scpkit::test

@@ -2,10 +2,11 @@
 // writes, the error stream, EOF/CLOSE, stall timeouts, abort and progress.
 #include <gtest/gtest.h>
 
-#include <functional>
+#include <algorithm>
 #include <memory>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "base/DataSource.h"
@@ -13,6 +14,7 @@
 #include "base/Output.h"
 #include "base/Progress.h"
 #include "ssh/ClsSsh.h"
+#include "tests/support/ScpTestHelpers.h"
 #include "tests/support/ScriptedTransport.h"
 
 namespace scpkit::test {
@@ -20,11 +22,7 @@ namespace {
 
 std::string pattern(size_t n, unsigned seed = 1) {
     std::string s(n, '\0');
-    unsigned x = seed;
-    for (size_t i = 0; i < n; ++i) {
-        x = x * 1103515245u + 12345u;
-        s[i] = static_cast<char>(x >> 16);
-    }
+    for (char& c : s) c = static_cast<char>((seed = seed * 1103515245u + 12345u) >> 16);
     return s;
 }
 
@@ -32,13 +30,7 @@ std::string str(const DataBuffer& db) {
     return std::string(reinterpret_cast<const char*>(db.getData2()), db.getSize());
 }
 
-DataBuffer bytes(const std::string& s) {
-    DataBuffer db;
-    db.append(s.data(), s.size());
-    return db;
-}
-
-// Hands out at most `limit` bytes per call, or fails after `failAfter` bytes.
+// Hands out at most `limit` bytes per call, and fails once `failAfter` bytes are out.
 class TrickleSource : public _vqDataSource {
   public:
     TrickleSource(std::string data, size_t limit, size_t failAfter = SIZE_MAX)
@@ -55,573 +47,324 @@ class TrickleSource : public _vqDataSource {
 
   private:
     std::string m_data;
-    size_t m_limit;
-    size_t m_failAfter;
-    size_t m_pos = 0;
+    size_t m_limit, m_failAfter, m_pos = 0;
 };
 
 // Asks to abort once the given percentage, or number of polls, is reached.
 class AbortingEvent : public ProgressEvent {
   public:
-    int abortAtPercent = 1000;
-    int abortAfterPolls = 1000000;
-    int polls = 0;
-    int lastPercent = -1;
-    void OnPercent(int percent, bool& abort) override {
-        lastPercent = percent;
-        if (percent >= abortAtPercent) abort = true;
-    }
-    void OnPoll(bool& abort) override {
-        if (++polls >= abortAfterPolls) abort = true;
-    }
+    AbortingEvent(int atPercent, int afterPolls)
+        : m_atPercent(atPercent), m_afterPolls(afterPolls) {}
+    void OnPercent(int percent, bool& abort) override { abort = abort || percent >= m_atPercent; }
+    void OnPoll(bool& abort) override { abort = abort || --m_afterPolls <= 0; }
+
+  private:
+    int m_atPercent, m_afterPolls;
 };
 
-class SshChannelTest : public ::testing::Test {
-  protected:
-    void SetUp() override { reset(); }
-    void TearDown() override { ssh->decRefCount(); }
+enum Op { ReadN, Read, Send, WaitClose };
 
-    // A fresh object on a fresh peer, for each case of a table.
-    void reset() {
-        if (ssh) ssh->decRefCount();
-        transport = std::make_shared<ScriptedTransport>();
-        ssh = ClsSsh::createNewCls();
-        ASSERT_NE(ssh, nullptr);
-        ssh->useTransport(transport);
-        ssh->put_StallTimeoutMs(5000);  // a failing wait ends the test, never hangs it
-        log.clearLog();
-        sp = SocketParams(nullptr);
-    }
+// An object on a fresh scripted peer.
+struct Rig {
+    std::shared_ptr<ScriptedTransport> transport = std::make_shared<ScriptedTransport>();
+    ClsSsh ssh;
+    _vqLogger log;
+    SocketParams sp{nullptr};
 
-    int open(SocketParams& p) {
-        int ch = ssh->openSessionChannel(p, log);
-        EXPECT_GE(ch, 0);
-        return ch;
+    explicit Rig(int stallMs = 5000) {  // a failing wait ends the test, never hangs it
+        ssh.useTransport(transport);
+        ssh.put_StallTimeoutMs(stallMs);
     }
-    int open() { return open(sp); }
-    std::string logText() {
-        std::string s;
-        log.renderText(s);
-        return s;
-    }
+    ScriptedPeer& peer(int i = 0) { return transport->peer(i); }
+    int open() { return ssh.openSessionChannel(sp, log); }
+    std::string text() { return renderedLog(log); }
     std::string received(int ch) {
         DataBuffer db;
-        ssh->getReceivedData(ch, db, log);
+        ssh.getReceivedData(ch, db, log);
         return str(db);
     }
-    std::string readN(int ch, long long n, bool* ok = nullptr) {
+    std::string readN(int ch, long long n, bool* ok = nullptr, bool progress = false) {
         DataBuffer db;
         OutputDataBuffer out(&db);
-        bool r = ssh->channelReadNToOutput(ch, n, out, sp, log);
+        out.m_reportsProgress = progress;
+        bool r = ssh.channelReadNToOutput(ch, n, out, sp, log);
         if (ok) *ok = r;
         return str(db);
     }
-
-    std::shared_ptr<ScriptedTransport> transport;
-    ClsSsh* ssh = nullptr;
-    _vqLogger log;
-    SocketParams sp{nullptr};
-};
-
-// ---- exact-n reads ----
-
-struct ReadCase {
-    const char* name;
-    std::function<void(ScriptedPeer&)> script;
-    int preReads;  // channelRead calls before the exact read (fill the buffer)
-    long long n;   // bytes asked for
-    bool ok;
-    std::string out;   // what reached the output
-    std::string next;  // what a following exact read must deliver
-    const char* logLine;
-};
-
-TEST_F(SshChannelTest, ReadExactlyNDeliversBufferedBytesFirstAndNeverOverReads) {
-    const std::string big = pattern(3 * ClsSsh::kChunkSize + 17);
-    const size_t bigN = 2 * ClsSsh::kChunkSize + 5;
-    const std::vector<ReadCase> cases = {
-        {"from the transport, rest left unread", [](ScriptedPeer& p) { p.send("abcdef"); }, 0, 2,
-         true, "ab", "cdef", nullptr},
-        {"all from the buffer, rest stays buffered", [](ScriptedPeer& p) { p.send("abcdef"); }, 1,
-         4, true, "abcd", "ef", nullptr},
-        {"buffer then transport",
-         [](ScriptedPeer& p) { p.send("ab").awaitWrites(1).send("cdefgh"); }, 1, 5, true, "abcde",
-         "fgh", nullptr},
-        {"zero bytes", [](ScriptedPeer& p) { p.send("xy"); }, 0, 0, true, "", "xy", nullptr},
-        {"spans several chunks", [&big](ScriptedPeer& p) { p.send(big); }, 0,
-         static_cast<long long>(bigN), true, big.substr(0, bigN), big.substr(bigN), nullptr},
-        {"short data then EOF", [](ScriptedPeer& p) { p.send("abc").eof(); }, 0, 5, false, "abc",
-         "", "Channel closed before all data was received."},
-        {"short data then CLOSE without EOF", [](ScriptedPeer& p) { p.send("abc").close(); }, 0, 5,
-         false, "abc", "", "numBytesReceived: 3"},
-        {"negative count", [](ScriptedPeer& p) { p.send("abc"); }, 0, -1, false, "", "abc",
-         "Invalid number of bytes to read."},
-    };
-    for (const ReadCase& c : cases) {
-        SCOPED_TRACE(c.name);
-        reset();
-        c.script(transport->peer(0));
-        int ch = open();
-        for (int i = 0; i < c.preReads; ++i) ASSERT_GT(ssh->channelRead(ch, sp, log), 0);
+    bool waitClose(int ch, int idleTimeoutMs = -1) {
+        SshReadParams rp;
+        rp.idleTimeoutMs = idleTimeoutMs;
+        return ssh.channelReceiveUntilCondition(ch, 1, rp, sp, log);
+    }
+    bool sendByte(int ch) {
         DataBuffer one;
         one.appendChar('x');
-        ASSERT_TRUE(ssh->channelSendData(ch, one, sp, log));  // releases awaiting scripts
+        return ssh.channelSendData(ch, one, sp, log);
+    }
+    bool run(Op op, int ch, long long n = 4 << 20) {
+        TrickleSource source(pattern(static_cast<size_t>(n)), SIZE_MAX);
+        source.m_reportsProgress = true;
+        bool ok = false;
+        if (op == ReadN) readN(ch, n, &ok, true);
+        if (op == Read) ok = ssh.channelRead(ch, sp, log) > 0 && ssh.channelRead(ch, sp, log) >= 0;
+        if (op == Send) ok = ssh.channelSendNFromSource(ch, source, n, sp, log);
+        return op == WaitClose ? waitClose(ch) : ok;
+    }
+};
+
+TEST(SshChannel, ReadExactlyNTakesBufferedBytesFirstAndNeverOverReads) {
+    const std::string big = pattern(3 * ClsSsh::kChunkSize + 17);
+    const size_t bigN = 2 * ClsSsh::kChunkSize + 5;
+    struct Row {
+        const char* name;
+        std::string first, later;  // sent at once, and after the client's first write
+        char end;                  // then 'e': EOF, 'c': CLOSE
+        int preReads;              // channelRead calls before the exact read (fill the buffer)
+        long long n;
+        bool ok;
+        std::string out, next;  // what the read delivers, what a following read must deliver
+        const char* logged;
+    };
+    const Row rows[] = {
+        {"from the transport", "abcdef", "", 0, 0, 2, true, "ab", "cdef", ""},
+        {"all from the buffer", "abcdef", "", 0, 1, 4, true, "abcd", "ef", ""},
+        {"buffer then transport", "ab", "cdefgh", 0, 1, 5, true, "abcde", "fgh", ""},
+        {"zero bytes", "xy", "", 0, 0, 0, true, "", "xy", ""},
+        {"several chunks", big, "", 0, 0, (long long)bigN, true, big.substr(0, bigN),
+         big.substr(bigN), ""},
+        {"short then EOF", "abc", "", 'e', 0, 5, false, "abc", "", "numBytesExpected: 5"},
+        {"short then CLOSE", "abc", "", 'c', 0, 5, false, "abc", "", "numBytesReceived: 3"},
+        {"negative count", "abc", "", 0, 0, -1, false, "", "abc",
+         "Invalid number of bytes to read."},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.name);
+        Rig rig;
+        rig.peer().send(row.first).awaitWrites(1).send(row.later);
+        if (row.end == 'e') rig.peer().eof();
+        if (row.end == 'c') rig.peer().close();
+        int ch = rig.open();
+        for (int i = 0; i < row.preReads; ++i)
+            ASSERT_GT(rig.ssh.channelRead(ch, rig.sp, rig.log), 0);
+        ASSERT_TRUE(rig.sendByte(ch));  // releases `later`
 
         bool ok = false;
-        std::string out = readN(ch, c.n, &ok);
-        EXPECT_EQ(ok, c.ok);
-        EXPECT_EQ(out.size(), c.out.size());
-        EXPECT_TRUE(out == c.out);
+        std::string out = rig.readN(ch, row.n, &ok);
+        EXPECT_EQ(ok, row.ok);
+        EXPECT_TRUE(out == row.out) << out.size();
         // Read straight from the peer: nothing past n may have been taken in.
-        if (c.preReads == 0 && !c.next.empty()) {
-            EXPECT_FALSE(ssh->receivedDataContainsChar(ch, c.next[0]));
+        if (row.preReads == 0 && !row.next.empty()) {
+            EXPECT_FALSE(rig.ssh.receivedDataContainsChar(ch, row.next[0]));
         }
-        if (c.logLine) {
-            EXPECT_NE(logText().find(c.logLine), std::string::npos) << logText();
-        }
-        if (!c.next.empty()) {
-            std::string next = readN(ch, static_cast<long long>(c.next.size()), &ok);
-            EXPECT_TRUE(ok);
-            EXPECT_TRUE(next == c.next);
-        }
+        expectLog(rig.text(), {row.logged, row.ok || row.n < 0 ? "" : "Channel closed before all"});
+        EXPECT_TRUE(rig.readN(ch, (long long)row.next.size(), &ok) == row.next);
     }
 }
 
-TEST_F(SshChannelTest, ShortReadReportsExpectedAndReceivedCounts) {
-    transport->peer(0).send("12345").eof().close();
-    int ch = open();
-    bool ok = true;
-    readN(ch, 8, &ok);
-    EXPECT_FALSE(ok);
-    const std::string text = logText();
-    EXPECT_NE(text.find("Channel closed before all data was received."), std::string::npos);
-    EXPECT_NE(text.find("numBytesExpected: 8"), std::string::npos);
-    EXPECT_NE(text.find("numBytesReceived: 5"), std::string::npos);
-    EXPECT_TRUE(sp.m_receivedEof);
-    EXPECT_TRUE(sp.m_receivedClose);
+TEST(SshChannel, ReadExactlyNAnnouncesTheCountToTheOutputBeforeWriting) {
+    // A memory sink told the count up front holds the bytes in one block.
+    struct Announced : OutputDataBuffer {
+        using OutputDataBuffer::OutputDataBuffer;
+        void expectBytes(long long n) override {
+            told.push_back(n);
+            OutputDataBuffer::expectBytes(n);
+        }
+        std::vector<long long> told;
+    };
+    Rig rig;
+    const std::string data = pattern(3 * ClsSsh::kChunkSize + 1);
+    rig.peer(0).send(data);
+    int ch = rig.open();
+    DataBuffer db;
+    Announced out(&db);
+    ASSERT_TRUE(rig.ssh.channelReadNToOutput(ch, (long long)data.size(), out, rig.sp, rig.log));
+    EXPECT_EQ(out.told, std::vector<long long>{(long long)data.size()});
+    EXPECT_TRUE(str(db) == data);
 }
 
-// ---- channelRead, EOF and CLOSE ----
-
-TEST_F(SshChannelTest, ChannelReadReportsDataThenEofThenCloseAndStopsAfterClose) {
-    transport->peer(0).send("line one\nrest").eof();
-    transport->peer(1).send("x").close();
-    int ch = open();
-    EXPECT_EQ(ssh->channelRead(ch, sp, log), 13);
-    EXPECT_TRUE(ssh->receivedDataContainsChar(ch, '\n'));
-    EXPECT_FALSE(ssh->receivedDataContainsChar(ch, '#'));
-    EXPECT_FALSE(sp.m_receivedEof);
-    EXPECT_EQ(ssh->channelRead(ch, sp, log), 0);
-    EXPECT_TRUE(sp.m_receivedEof);
-    EXPECT_TRUE(ssh->channelReceivedEof(ch, log));
-    EXPECT_FALSE(ssh->channelReceivedClose(ch, log));
-    EXPECT_EQ(received(ch), "line one\nrest");
-    EXPECT_FALSE(ssh->receivedDataContainsChar(ch, '\n'));
-    EXPECT_EQ(received(ch), "");
+TEST(SshChannel, ChannelReadReportsDataThenEofThenCloseAndFailsAfterClose) {
+    Rig rig;
+    rig.peer(0).send("line one\nrest").eof();
+    rig.peer(1).send("x").close();
+    int ch = rig.open();
+    EXPECT_EQ(rig.ssh.channelRead(ch, rig.sp, rig.log), 13);
+    EXPECT_TRUE(rig.ssh.receivedDataContainsChar(ch, '\n'));
+    EXPECT_FALSE(rig.sp.m_receivedEof);
+    EXPECT_EQ(rig.ssh.channelRead(ch, rig.sp, rig.log), 0);
+    EXPECT_TRUE(rig.sp.m_receivedEof);
+    EXPECT_TRUE(rig.ssh.channelReceivedEof(ch, rig.log) &&
+                !rig.ssh.channelReceivedClose(ch, rig.log));
+    EXPECT_EQ(rig.received(ch), "line one\nrest");
+    EXPECT_EQ(rig.received(ch), "");  // taken once
 
     // CLOSE without EOF: one read says nothing came, the next one fails, so
     // a caller waiting for EOF cannot loop for ever.
-    int ch2 = open();
-    EXPECT_EQ(ssh->channelRead(ch2, sp, log), 1);
-    EXPECT_EQ(ssh->channelRead(ch2, sp, log), 0);
-    EXPECT_TRUE(sp.m_receivedClose);
-    EXPECT_FALSE(sp.m_receivedEof);
-    EXPECT_LT(ssh->channelRead(ch2, sp, log), 0);
+    int ch2 = rig.open();
+    EXPECT_EQ(rig.ssh.channelRead(ch2, rig.sp, rig.log), 1);
+    EXPECT_EQ(rig.ssh.channelRead(ch2, rig.sp, rig.log), 0);
+    EXPECT_TRUE(rig.sp.m_receivedClose && !rig.sp.m_receivedEof);
+    EXPECT_LT(rig.ssh.channelRead(ch2, rig.sp, rig.log), 0);
+
+    // Unknown channels fail rather than touch another channel's state.
+    EXPECT_FALSE(rig.sendByte(77));
+    EXPECT_LT(rig.ssh.channelRead(77, rig.sp, rig.log), 0);
+    EXPECT_FALSE(rig.ssh.channelSendClose(77, rig.sp, rig.log));
 }
 
-TEST_F(SshChannelTest, ConsumedBytesAreNeverDeliveredTwice) {
-    // Many small reads from one large buffered block.
-    const std::string data = pattern(200 * 1024, 7);
-    transport->peer(0).send(data).eof();
-    int ch = open();
-    ASSERT_GT(ssh->channelRead(ch, sp, log), 0);
-    std::string got;
-    while (got.size() < data.size()) {
-        bool ok = false;
-        got += readN(ch, std::min<long long>(999, static_cast<long long>(data.size() - got.size())),
-                     &ok);
-        ASSERT_TRUE(ok);
-    }
-    EXPECT_TRUE(got == data);
-}
-
-// ---- the error stream ----
-
-TEST_F(SshChannelTest, ErrorStreamIsKeptApartOrMergedIntoTheData) {
-    struct Case {
-        bool merge;
-        std::string data;
-        std::string err;
-    };
-    for (const Case& c : {Case{false, "out1out2", "err1"}, Case{true, "", ""}}) {
-        SCOPED_TRACE(c.merge);
-        reset();
-        ssh->put_StderrToStdout(c.merge);
-        transport->peer(0).send("out1").sendStderr("err1").send("out2").eof().close();
-        int ch = open();
-        SshReadParams rp;
-        ASSERT_TRUE(ssh->channelReceiveUntilCondition(ch, 1, rp, sp, log));
-        std::string data = received(ch);
-        XString err;
-        ssh->getReceivedStderrText(ch, "utf-8", err, log);
-        if (c.merge) {
-            EXPECT_EQ(data.size(), 12u);
-            EXPECT_NE(data.find("err1"), std::string::npos);
-            EXPECT_NE(data.find("out1"), std::string::npos);
-            EXPECT_STREQ(err.getUtf8(), "");
-        } else {
-            EXPECT_EQ(data, c.data);
-            EXPECT_STREQ(err.getUtf8(), c.err.c_str());
-        }
+// Error text comes apart from the data, decoded from the charset asked for,
+// or as the bytes came when they are not valid in it.
+TEST(SshChannel, ErrorTextIsKeptApartAndDecoded) {
+    for (const auto& [charset, sent, text] : {std::tuple{"iso-8859-1", "caf\xe9", "caf\xc3\xa9"},
+                                              {"utf-8", "bad \xff\xfe", "bad \xff\xfe"}}) {
+        SCOPED_TRACE(charset);
+        Rig rig;
+        rig.peer().send("out1").sendStderr(sent).send("out2").eof().close();
+        int ch = rig.open();
+        ASSERT_TRUE(rig.waitClose(ch));
+        EXPECT_EQ(rig.received(ch), "out1out2");
+        XString got;
+        rig.ssh.getReceivedStderrText(ch, charset, got, rig.log);
+        EXPECT_STREQ(got.getUtf8(), text);
     }
 }
 
-TEST_F(SshChannelTest, ErrorTextIsDecodedFromTheCharsetOrKeptRaw) {
-    struct Case {
-        const char* charset;
-        std::string sent;
-        std::string text;
-    };
-    const std::vector<Case> cases = {
-        {"utf-8", "scp: /x: No such file or directory\n", "scp: /x: No such file or directory\n"},
-        {"iso-8859-1", "caf\xe9", "caf\xc3\xa9"},
-        {"utf-8", "bad \xff\xfe", "bad \xff\xfe"},  // not UTF-8: the bytes as they came
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.charset);
-        reset();
-        transport->peer(0).sendStderr(c.sent).send("z").eof();
-        int ch = open();
-        ASSERT_GT(ssh->channelRead(ch, sp, log), 0);
-        XString text;
-        text.appendUtf8("kept:");
-        ssh->getReceivedStderrText(ch, c.charset, text, log);
-        EXPECT_EQ(std::string(text.getUtf8()), "kept:" + c.text);
-    }
-}
-
-// ---- sending ----
-
-TEST_F(SshChannelTest, SendFromSourceWritesExactlyNBytesInBoundedChunks) {
-    struct Case {
-        const char* name;
-        size_t sourceLimit;     // most bytes the source hands out per call
-        size_t transportLimit;  // most bytes the peer accepts per write (0: all)
-    };
+TEST(SshChannel, SendWritesExactlyTheBytesAskedForInBoundedChunks) {
     const std::string data = pattern(600 * 1024 + 3, 3);
-    const long long n = static_cast<long long>(data.size()) - 5;  // the tail stays unsent
-    for (const Case& c : {Case{"whole chunks", SIZE_MAX, 0}, Case{"trickling source", 7001, 0},
-                          Case{"partial writes", SIZE_MAX, 40000}}) {
-        SCOPED_TRACE(c.name);
-        reset();
-        transport->maxWriteSize = c.transportLimit;
-        int ch = open();
-        TrickleSource source(data, c.sourceLimit);
-        ASSERT_TRUE(ssh->channelSendNFromSource(ch, source, n, sp, log)) << logText();
-        const ScriptedPeer& peer = transport->peer(0);
-        EXPECT_EQ(peer.written.size(), static_cast<size_t>(n));
-        EXPECT_TRUE(peer.written == data.substr(0, static_cast<size_t>(n)));
+    const size_t n = data.size() - 5;  // the tail stays unsent
+    // Most bytes the source hands out per call, most the peer takes per write (0: all).
+    for (const auto& [sourceLimit, transportLimit] :
+         {std::pair<size_t, size_t>{SIZE_MAX, 0}, {7001, 0}, {SIZE_MAX, 40000}}) {
+        SCOPED_TRACE(sourceLimit + transportLimit);
+        Rig rig;
+        rig.transport->maxWriteSize = transportLimit;
+        int ch = rig.open();
+        TrickleSource source(data, sourceLimit);
+        ASSERT_TRUE(rig.ssh.channelSendNFromSource(ch, source, (long long)n, rig.sp, rig.log));
+        EXPECT_TRUE(rig.peer().written == data.substr(0, n)) << rig.peer().written.size();
         EXPECT_LE(source.largestAsk, ClsSsh::kChunkSize);
-        for (const std::string& w : peer.writes) EXPECT_LE(w.size(), ClsSsh::kChunkSize);
+        for (const std::string& w : rig.peer().writes) EXPECT_LE(w.size(), ClsSsh::kChunkSize);
     }
-}
-
-TEST_F(SshChannelTest, SendFromSourceFailsWhenTheSourceEndsOrFails) {
-    struct Case {
-        const char* name;
-        size_t failAfter;
-        const char* logLine;
-        size_t sent;
-    };
-    for (const Case& c :
-         {Case{"ends early", SIZE_MAX, "The data source ended before all bytes were sent.", 10},
-          Case{"read error", 4, "Failed to read from the data source.", 4}}) {
-        SCOPED_TRACE(c.name);
-        reset();
-        int ch = open();
-        TrickleSource source("0123456789", 4, c.failAfter);
-        EXPECT_FALSE(ssh->channelSendNFromSource(ch, source, 20, sp, log));
-        EXPECT_EQ(transport->peer(0).written, std::string("0123456789").substr(0, c.sent));
-        EXPECT_NE(logText().find(c.logLine), std::string::npos) << logText();
-    }
-}
-
-TEST_F(SshChannelTest, SendDataWritesEveryByteIncludingZeros) {
-    transport->maxWriteSize = 3;
-    int ch = open();
+    // channelSendData: every byte, zeros included, through 3-byte writes.
+    Rig rig;
+    rig.transport->maxWriteSize = 3;
     const std::string wire("C0644 5 a\n\0\0x", 13);
-    DataBuffer db = bytes(wire);
-    ASSERT_TRUE(ssh->channelSendData(static_cast<unsigned>(ch), db, sp, log));
-    EXPECT_EQ(transport->peer(0).written, wire);
-    EXPECT_EQ(db.getSize(), wire.size());  // the caller's buffer is left alone
+    DataBuffer db;
+    db.append(wire.data(), wire.size());
+    ASSERT_TRUE(rig.ssh.channelSendData(rig.open(), db, rig.sp, rig.log));
+    EXPECT_EQ(rig.peer().written, wire);
+    // A source that ends early or fails: what it gave is sent, the call fails.
+    for (size_t failAfter : {SIZE_MAX, size_t(4)}) {
+        Rig r;
+        TrickleSource source("0123456789", 4, failAfter);
+        EXPECT_FALSE(r.ssh.channelSendNFromSource(r.open(), source, 20, r.sp, r.log));
+        EXPECT_EQ(r.peer().written, failAfter == 4 ? "0123" : "0123456789");
+        expectLog(r.text(), {failAfter == 4 ? "Failed to read from the data source."
+                                            : "The data source ended before all bytes were sent."});
+    }
 }
 
-// ---- progress and abort ----
-
-TEST_F(SshChannelTest, ProgressCountsOnlyWhenTheSourceOrOutputAsksForIt) {
+TEST(SshChannel, ProgressCountsOnlyWhenTheSourceOrOutputAsksForIt) {
     const std::string data = pattern(5000, 9);
     for (bool flag : {false, true}) {
         SCOPED_TRACE(flag);
-        reset();
-        AbortingEvent ev;
-        ProgressMonitor pm(&ev, 0, 100, 20000);
-        SocketParams p(&pm);
-        transport->peer(0).send(data);
-        int ch = open(p);
-
-        DataBuffer got;
-        OutputDataBuffer out(&got);
-        out.m_reportsProgress = flag;
-        ASSERT_TRUE(ssh->channelReadNToOutput(ch, 5000, out, p, log));
+        Rig rig;
+        ProgressMonitor pm(nullptr, 0, 100, 20000);
+        rig.sp.m_progressMonitor = &pm;
+        rig.peer().send(data);
+        int ch = rig.open();
+        EXPECT_TRUE(rig.readN(ch, 5000, nullptr, flag) == data);
         EXPECT_EQ(pm.done(), flag ? 5000 : 0);
-
         TrickleSource source(data, SIZE_MAX);
         source.m_reportsProgress = flag;
-        ASSERT_TRUE(ssh->channelSendNFromSource(ch, source, 3000, p, log));
+        ASSERT_TRUE(rig.ssh.channelSendNFromSource(ch, source, 3000, rig.sp, rig.log));
         EXPECT_EQ(pm.done(), flag ? 8000 : 0);
     }
 }
 
-TEST_F(SshChannelTest, AbortFromProgressEventStopsTransfersPromptly) {
-    const std::string data = pattern(1024 * 1024, 5);
-    struct Case {
-        const char* name;
-        int atPercent;
-        int afterPolls;
-        std::function<bool(ClsSsh&, int, SocketParams&, LogBase&)> run;
-        size_t maxWritten;  // sending: the peer never sees more than this
-    };
-    const std::vector<Case> cases = {
-        {"reading data with progress", 25, 1000000,
-         [](ClsSsh& s, int ch, SocketParams& p, LogBase& l) {
-             DataBuffer db;
-             OutputDataBuffer out(&db);
-             out.m_reportsProgress = true;
-             return s.channelReadNToOutput(ch, 4 * 1024 * 1024, out, p, l);
-         },
-         0},
-        {"waiting for data that never comes", 1000, 3,
-         [](ClsSsh& s, int ch, SocketParams& p, LogBase& l) {
-             DataBuffer db;
-             OutputDataBuffer out(&db);
-             return s.channelReadNToOutput(ch, 2 * 1024 * 1024, out, p, l);
-         },
-         0},
-        {"sending with progress", 25, 1000000,
-         [&data](ClsSsh& s, int ch, SocketParams& p, LogBase& l) {
-             TrickleSource source(data, SIZE_MAX);
-             source.m_reportsProgress = true;
-             return s.channelSendNFromSource(ch, source, 1024 * 1024, p, l);
-         },
-         512 * 1024},
-        {"waiting for CLOSE", 1000, 3,
-         [](ClsSsh& s, int ch, SocketParams& p, LogBase& l) {
-             SshReadParams rp;
-             return s.channelReceiveUntilCondition(ch, 1, rp, p, l);
-         },
-         0},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.name);
-        reset();
-        ssh->put_StallTimeoutMs(20000);  // only the abort can end these waits in time
-        AbortingEvent ev;
-        ev.abortAtPercent = c.atPercent;
-        ev.abortAfterPolls = c.afterPolls;
-        ProgressMonitor pm(&ev, 10, 100, 1024 * 1024);
-        SocketParams p(&pm);
-        transport->peer(0).send(data.substr(0, 512 * 1024));
-        int ch = open(p);
-        EXPECT_FALSE(c.run(*ssh, ch, p, log));
-        const std::string text = logText();
-        EXPECT_NE(text.find("Operation aborted by the application."), std::string::npos) << text;
-        EXPECT_EQ(text.find("stall timeout"), std::string::npos) << text;
-        if (c.maxWritten) {
-            EXPECT_LE(transport->peer(0).written.size(), c.maxWritten);
-        }
+// The peer sends 512 KiB and then nothing: the abort ends every wait long
+// before the stall timeout could, and a send stops at the abort.
+TEST(SshChannel, AbortFromTheProgressEventEndsEveryWait) {
+    const struct {
+        Op op;
+        int atPercent, afterPolls;
+    } rows[] = {{ReadN, 25, 1 << 30}, {ReadN, 1000, 3}, {Send, 25, 1 << 30}, {WaitClose, 1000, 3}};
+    for (const auto& row : rows) {
+        SCOPED_TRACE(::testing::Message() << row.op << "/" << row.afterPolls);
+        Rig rig(20000);
+        AbortingEvent ev(row.atPercent, row.afterPolls);
+        ProgressMonitor pm(&ev, 10, 100, 1 << 20);
+        rig.sp.m_progressMonitor = &pm;
+        rig.peer().send(pattern(512 * 1024));
+        EXPECT_FALSE(rig.run(row.op, rig.open()));
+        expectLog(rig.text(), {"Operation aborted by the application."}, {"stall timeout"});
+        EXPECT_LE(rig.peer().written.size(), 512u * 1024);
     }
 }
 
-// ---- stall timeouts ----
-
-TEST_F(SshChannelTest, WaitsFailWhenNothingMovesWithinTheStallTimeout) {
-    struct Case {
-        const char* name;
-        int objectTimeoutMs;
-        std::function<bool(ClsSsh&, int, SocketParams&, LogBase&)> run;
-        const char* logLine;
-    };
-    const std::vector<Case> cases = {
-        {"exact read", 150,
-         [](ClsSsh& s, int ch, SocketParams& p, LogBase& l) {
-             DataBuffer db;
-             OutputDataBuffer out(&db);
-             return s.channelReadNToOutput(ch, 10, out, p, l);
-         },
-         "stallTimeoutMs: 150"},
-        {"channelRead", 120,
-         [](ClsSsh& s, int ch, SocketParams& p, LogBase& l) {
-             return s.channelRead(ch, p, l) > 0 && s.channelRead(ch, p, l) >= 0;
-         },
-         "stallTimeoutMs: 120"},
-        {"wait for CLOSE with the object's timeout", 130,
-         [](ClsSsh& s, int ch, SocketParams& p, LogBase& l) {
-             SshReadParams rp;
-             return s.channelReceiveUntilCondition(ch, 1, rp, p, l);
-         },
-         "stallTimeoutMs: 130"},
-        {"wait for CLOSE with its own timeout (object waits for ever)", 0,
-         [](ClsSsh& s, int ch, SocketParams& p, LogBase& l) {
-             SshReadParams rp;
-             rp.idleTimeoutMs = 140;
-             return s.channelReceiveUntilCondition(ch, 1, rp, p, l);
-         },
-         "stallTimeoutMs: 140"},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.name);
-        reset();
-        ssh->put_StallTimeoutMs(c.objectTimeoutMs);
-        transport->peer(0).send("abc");  // some data, then silence
-        int ch = open();
-        EXPECT_FALSE(c.run(*ssh, ch, sp, log));
-        const std::string text = logText();
-        EXPECT_NE(text.find(c.logLine), std::string::npos) << text;
-        EXPECT_NE(text.find("within the stall timeout."), std::string::npos) << text;
+TEST(SshChannel, WaitsFailWhenNothingMovesWithinTheStallTimeout) {
+    const struct {
+        Op op;
+        int objectMs, ownMs;  // the object's stall timeout, the wait's own (-1: none)
+    } rows[] = {{ReadN, 150, -1}, {Read, 120, -1}, {WaitClose, 130, -1}, {WaitClose, 0, 140}};
+    for (const auto& row : rows) {
+        Rig rig(row.objectMs);
+        rig.peer().send("abc");  // some data, then silence
+        int ch = rig.open();
+        EXPECT_FALSE(row.ownMs < 0 ? rig.run(row.op, ch, 10) : rig.waitClose(ch, row.ownMs));
+        const int ms = row.ownMs < 0 ? row.objectMs : row.ownMs;
+        expectLog(rig.text(),
+                  {"stallTimeoutMs: " + std::to_string(ms), "within the stall timeout."});
     }
 }
 
-// ---- waiting for CLOSE ----
-
-TEST_F(SshChannelTest, ReceiveUntilCloseKeepsDataAndSeesClose) {
-    transport->peer(0).send("tail\n").sendStderr("warning\n").eof().close();
-    transport->peer(1).closeOnClientClose();
-    int ch = open();
-    SshReadParams rp;
-    EXPECT_TRUE(ssh->channelReceiveUntilCondition(ch, 1, rp, sp, log));
-    EXPECT_TRUE(sp.m_receivedEof);
-    EXPECT_TRUE(sp.m_receivedClose);
-    EXPECT_TRUE(ssh->channelReceivedClose(ch, log));
-    EXPECT_EQ(received(ch), "tail\n");
-    XString err;
-    ssh->getReceivedStderrText(ch, "utf-8", err, log);
-    EXPECT_STREQ(err.getUtf8(), "warning\n");
-    // Already closed: true at once.
-    EXPECT_TRUE(ssh->channelReceiveUntilCondition(ch, 1, rp, sp, log));
-
+TEST(SshChannel, WaitingForCloseAnswersTheClientsCloseAndCapsAFlood) {
+    Rig rig;
+    rig.peer(0).closeOnClientClose();
+    rig.peer(1).send(pattern(12 << 20, 11)).close();
     // A peer that closes only in answer to the client's CLOSE.
-    int ch2 = open();
-    EXPECT_TRUE(ssh->channelSendClose(ch2, sp, log));
-    EXPECT_TRUE(transport->peer(1).clientSentClose);
-    EXPECT_TRUE(ssh->channelReceiveUntilCondition(ch2, 1, rp, sp, log));
-    EXPECT_FALSE(sp.m_receivedEof);  // flags follow the channel read last
-
-    EXPECT_FALSE(ssh->channelReceiveUntilCondition(ch2, 2, rp, sp, log));
-    EXPECT_NE(logText().find("condition: 2"), std::string::npos);
-}
-
-TEST_F(SshChannelTest, DataFloodWhileWaitingForCloseIsCapped) {
-    transport->peer(0).send(pattern(12 * 1024 * 1024, 11)).close();
-    int ch = open();
+    int ch = rig.open();
+    EXPECT_TRUE(rig.ssh.channelSendClose(ch, rig.sp, rig.log));
+    EXPECT_TRUE(rig.peer(0).clientSentClose);
+    EXPECT_TRUE(rig.waitClose(ch));
+    EXPECT_TRUE(rig.waitClose(ch));  // already closed: true at once
     SshReadParams rp;
-    EXPECT_TRUE(ssh->channelReceiveUntilCondition(ch, 1, rp, sp, log));
-    std::string kept = received(ch);
-    EXPECT_GT(kept.size(), 0u);
-    EXPECT_LT(kept.size(), 12u * 1024 * 1024);
+    EXPECT_FALSE(rig.ssh.channelReceiveUntilCondition(ch, 2, rp, rig.sp, rig.log));
+    expectLog(rig.text(), {"condition: 2"});
+
+    // 12 MiB while waiting: some is kept, not all of it.
+    int flooded = rig.open();
+    EXPECT_TRUE(rig.waitClose(flooded));
+    const size_t kept = rig.received(flooded).size();
+    EXPECT_TRUE(kept > 0 && kept < (12u << 20)) << kept;
 }
 
-// ---- opening, requests, releasing ----
-
-TEST_F(SshChannelTest, OpenEnvAndExecReportFailures) {
-    transport->peer(0).refuseEnv("BAD");
-    transport->peer(1).refuseExec();
-    int ch = open();
-    XString lang("LANG"), c("C"), bad("BAD"), v("1"), cmd("scp -t /tmp/");
-    EXPECT_TRUE(ssh->sendReqSetEnv(ch, lang, c, sp, log));
-    EXPECT_FALSE(ssh->sendReqSetEnv(ch, bad, v, sp, log));
-    EXPECT_NE(logText().find("name: BAD"), std::string::npos);
-    EXPECT_TRUE(ssh->sendReqExec(ch, cmd, sp, log));
-    const ScriptedPeer& p0 = transport->peer(0);
-    ASSERT_EQ(p0.envRequests.size(), 2u);
-    EXPECT_EQ(p0.envRequests[0], std::make_pair(std::string("LANG"), std::string("C")));
-    EXPECT_EQ(p0.execCommand, "scp -t /tmp/");
-
-    int ch1 = open();
-    EXPECT_FALSE(ssh->sendReqExec(ch1, cmd, sp, log));
-    EXPECT_NE(logText().find("command: scp -t /tmp/"), std::string::npos);
-
-    // Unknown channels fail rather than touch another channel's state.
-    DataBuffer db = bytes("x");
-    EXPECT_FALSE(ssh->channelSendData(77, db, sp, log));
-    EXPECT_LT(ssh->channelRead(77, sp, log), 0);
-    EXPECT_FALSE(ssh->channelSendClose(77, sp, log));
-
-    transport->failOpen = true;
-    EXPECT_LT(ssh->openSessionChannel(sp, log), 0);
-    EXPECT_NE(logText().find("Failed to open a session channel."), std::string::npos);
-    transport->connected = false;
-    EXPECT_LT(ssh->openSessionChannel(sp, log), 0);
-    EXPECT_NE(logText().find("Not connected to an SSH server."), std::string::npos);
-}
-
-TEST_F(SshChannelTest, ChannelsClosedBothWaysAreReleasedWhenTheNextOpens) {
-    transport->peer(0).closeOnClientClose();
-    transport->peer(1).close();  // the peer closed, the client did not
-    SshReadParams rp;
-    int a = open();
-    ASSERT_TRUE(ssh->channelSendClose(a, sp, log));
-    ASSERT_TRUE(ssh->channelReceiveUntilCondition(a, 1, rp, sp, log));
-    int b = open();
-    EXPECT_TRUE(transport->peer(0).released);
-    ASSERT_TRUE(ssh->channelReceiveUntilCondition(b, 1, rp, sp, log));
-    EXPECT_FALSE(transport->peer(1).clientSentClose);
-    // The next open from the thread that used it answers the peer's CLOSE.
-    open();
-    EXPECT_TRUE(transport->peer(1).clientSentClose);
-    EXPECT_TRUE(transport->peer(1).released);
-}
-
-TEST_F(SshChannelTest, ServerInfoComesFromTheTransport) {
-    ssh->logServerInfo(log);
-    EXPECT_NE(logText().find("serverVersion: scripted test peer"), std::string::npos);
-    ClsSsh* bare = ClsSsh::createNewCls();
-    _vqLogger other;
-    bare->logServerInfo(other);
-    std::string text;
-    other.renderText(text);
-    EXPECT_NE(text.find("Not connected to an SSH server."), std::string::npos);
-    bare->decRefCount();
-}
-
-// Several callers share one connection, each on its own channel.
-TEST_F(SshChannelTest, ThreadsSharingTheObjectEachGetTheirOwnChannelsBytes) {
+// Several callers share one connection at once, each on its own channel.
+TEST(SshChannel, ThreadsSharingTheObjectEachGetTheirOwnChannelsBytes) {
     constexpr int kThreads = 4;
-    std::vector<std::string> payload;
+    Rig rig;
+    std::vector<std::string> payload, got(kThreads);
     for (int i = 0; i < kThreads; ++i) {
-        payload.push_back(pattern(300 * 1024, 100 + static_cast<unsigned>(i)));
-        // Every channel answers one written byte with its payload.
-        transport->peer(i).awaitBytes(1).send(payload.back());
+        payload.push_back(pattern(300 * 1024, 100 + i));
+        rig.peer(i).awaitBytes(1).send(payload.back());  // one byte in, the payload out
     }
-    std::vector<std::string> got(kThreads);
     std::vector<std::thread> threads;
     for (int i = 0; i < kThreads; ++i) {
-        threads.emplace_back([&, i] {
+        threads.emplace_back([&] {
             _vqLogger l;
             SocketParams p(nullptr);
-            int ch = ssh->openSessionChannel(p, l);
-            if (ch < 0) return;
-            // Channel numbers follow opening order; its script was set above.
-            DataBuffer one = bytes(std::string(1, static_cast<char>('0' + ch)));
-            if (!ssh->channelSendData(static_cast<unsigned>(ch), one, p, l)) return;
-            DataBuffer db;
+            int ch = rig.ssh.openSessionChannel(p, l);  // its script is the ch-th
+            DataBuffer one, db;
+            one.appendChar(static_cast<char>('0' + ch));
             OutputDataBuffer out(&db);
-            if (ssh->channelReadNToOutput(ch, 300 * 1024, out, p, l)) got[ch] = str(db);
+            if (ch >= 0 && rig.ssh.channelSendData(ch, one, p, l) &&
+                rig.ssh.channelReadNToOutput(ch, 300 * 1024, out, p, l))
+                got[ch] = str(db);
         });
     }
     for (auto& t : threads) t.join();
     for (int i = 0; i < kThreads; ++i) {
         EXPECT_TRUE(got[i] == payload[i]) << "channel " << i;
-        EXPECT_EQ(transport->peer(i).written, std::string(1, static_cast<char>('0' + i)));
+        EXPECT_EQ(rig.peer(i).written, std::string(1, static_cast<char>('0' + i)));
     }
 }
 
