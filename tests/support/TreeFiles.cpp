@@ -4,7 +4,6 @@
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <filesystem>
 #include <sstream>
 
@@ -31,12 +30,9 @@ TreeSnapshot snapshotTree(const std::string& root) {
     for (fs::recursive_directory_iterator it(root, ec), end; !ec && it != end; it.increment(ec)) {
         struct stat st;
         if (lstat(it->path().c_str(), &st) != 0) continue;
-        char mode[8];
-        std::snprintf(mode, sizeof mode, "%o", st.st_mode & 07777);
-        out[it->path().lexically_relative(root).string()] =
-            S_ISDIR(st.st_mode) ? std::string("dir ") + mode
-                                : std::string(mode) + " " + std::to_string(st.st_mtime) + " " +
-                                      readWholeFile(it->path());
+        TreeEntry& entry = out[it->path().lexically_relative(root).string()];
+        entry = {S_ISDIR(st.st_mode), st.st_mode & 07777u};
+        if (!entry.isDir) entry = {false, entry.mode, st.st_mtime, readWholeFile(it->path())};
     }
     return out;
 }
@@ -44,7 +40,7 @@ TreeSnapshot snapshotTree(const std::string& root) {
 std::vector<std::string> listTree(const std::string& root, bool filesOnly) {
     std::vector<std::string> out;
     for (const auto& [path, entry] : snapshotTree(root))
-        if (!filesOnly || entry.rfind("dir ", 0) != 0) out.push_back(path);
+        if (!filesOnly || !entry.isDir) out.push_back(path);
     return out;
 }
 

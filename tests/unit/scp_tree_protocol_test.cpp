@@ -156,9 +156,10 @@ TEST(TreeDownloadProtocolTest, TimesAndOnlyPermissionBitsAreKept) {
                                "+C6755 5 run\n+hello\0+D1777 0 d\n+E\n+E\n"s);
     ScratchDir dir;
     ASSERT_TRUE(rig.download(dir.file("r"))) << rig.log();
-    EXPECT_EQ(
-        snapshotTree(dir.path()),
-        (TreeSnapshot{{"r", "dir 777"}, {"r/d", "dir 777"}, {"r/run", "755 1700000000 hello"}}));
+    EXPECT_EQ(snapshotTree(dir.path()),
+              (TreeSnapshot{{"r", {true, 0777}},
+                            {"r/d", {true, 0777}},
+                            {"r/run", {false, 0755, 1700000000, "hello"}}}));
 }
 
 TEST(TreeDownloadProtocolTest, HostileNamesAreRefusedAndNothingIsCreated) {
