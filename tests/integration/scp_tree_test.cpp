@@ -1,12 +1,9 @@
 // Tree synchronisation against the loopback OpenSSH sshd and its real scp:
-// round trips of a sizeable tree, the modes on a second run, the filters,
-// aborts, and a hostile remote scp that tries to write outside the target.
+// a round trip, the modes on edited trees, the filters, a missing root, an
+// abort mid-tree, and a hostile remote scp that aims outside the target.
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
-#include <fstream>
-#include <memory>
-#include <set>
+#include <array>
 #include <string>
 #include <vector>
 
@@ -21,348 +18,213 @@ namespace scpkit::test {
 namespace {
 
 constexpr int64_t kOld = 1600000000;
+using Files = std::vector<std::string>;
 
-// A client connected to a fixture's sshd.
-class Client {
-  public:
-    explicit Client(SshdFixture& sshd) {
-        connected = sshd.connectAndLogin(ssh);
-        scp.UseSsh(ssh);
+// A client logged in to an sshd; sync() copies the tree `from` onto `to`.
+struct Client {
+    ClsSsh ssh;
+    ClsScp scp;
+    bool connected;
+    explicit Client(SshdFixture& sshd) : connected(sshd.connectAndLogin(ssh)) { scp.UseSsh(ssh); }
+    bool sync(bool upload, const std::string& from, const std::string& to, int mode,
+              bool recurse = true, ProgressEvent* progress = nullptr) {
+        XString f(from.c_str()), t(to.c_str());
+        return upload ? scp.SyncTreeUpload(f, t, mode, recurse, progress)
+                      : scp.SyncTreeDownload(f, t, mode, recurse, progress);
     }
-
-    bool upload(const std::string& local, const std::string& remote, int mode, bool recurse = true,
-                ProgressEvent* progress = nullptr) {
-        XString l(local.c_str()), r(remote.c_str());
-        return scp.SyncTreeUpload(l, r, mode, recurse, progress);
-    }
-    bool download(const std::string& remote, const std::string& local, int mode,
-                  bool recurse = true, ProgressEvent* progress = nullptr) {
-        XString r(remote.c_str()), l(local.c_str());
-        return scp.SyncTreeDownload(r, l, mode, recurse, progress);
-    }
-    std::vector<std::string> synced() {
+    Files synced() {
         XString text;
         scp.get_SyncedFiles(text);
         return sortedLines(text.getUtf8());
     }
-    std::string log() {
-        XString text;
-        scp.get_LastErrorText(text);
-        return text.getUtf8();
+    void filters(const std::array<std::string, 4>& f) {
+        XString must(f[0].c_str()), mustNot(f[1].c_str()), dir(f[2].c_str()), notDir(f[3].c_str());
+        scp.put_SyncMustMatch(must);
+        scp.put_SyncMustNotMatch(mustNot);
+        scp.put_SyncMustMatchDir(dir);
+        scp.put_SyncMustNotMatchDir(notDir);
     }
-    void filters(const char* must, const char* mustNot, const char* mustDir,
-                 const char* mustNotDir) {
-        XString a(must), b(mustNot), c(mustDir), d(mustNotDir);
-        scp.put_SyncMustMatch(a);
-        scp.put_SyncMustNotMatch(b);
-        scp.put_SyncMustMatchDir(c);
-        scp.put_SyncMustNotMatchDir(d);
-    }
-
-    ClsSsh ssh;
-    ClsScp scp;
-    bool connected = false;
 };
 
-#define REQUIRE_SSHD(sshd)                                \
-    do {                                                  \
-        if (!(sshd).ok()) GTEST_SKIP() << (sshd).error(); \
-    } while (0)
-
-// The relative paths of the files of a snapshot.
-std::vector<std::string> filesOf(const TreeSnapshot& snap) {
-    std::vector<std::string> out;
-    for (const auto& kv : snap)
-        if (!kv.second.isDir) out.push_back(kv.first);
-    return out;
-}
-
-// Nested and empty directories, blanks in names, 1,000 small files and a
-// few large ones, with assorted modes and times.
-void buildBigTree(const std::string& root) {
-    makeDir(root);
-    makeDir(root + "/empty");
-    makeDir(root + "/a/b/c/deep empty", 0700);
-    writeFile(root + "/a/top.txt", "top", kOld + 1, 0600);
-    writeFile(root + "/a/b/c/leaf.bin", std::string("\0\x01\x02\xff", 4), kOld + 2, 0640);
-    writeFile(root + "/dir with blank/file with blank.txt", "blanks", kOld + 3, 0644);
-    writeFile(root + "/run.sh", "#!/bin/sh\n", kOld + 4, 0755);
-    writeFile(root + "/zero", "", kOld + 5, 0644);
-    for (int i = 0; i < 1000; ++i) {
-        std::string name = root + "/many/d" + std::to_string(i % 10) + "/f" + std::to_string(i);
-        writeFile(name, "small file " + std::to_string(i * 7919), kOld + i, 0644);
+class ScpTreeTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        if (!SshdFixture::shared().ok()) GTEST_SKIP() << SshdFixture::shared().error();
+        ASSERT_TRUE(c.connected) << lastErrorText(c.ssh);
     }
-    std::string big(3 * 1024 * 1024 + 17, '\0');
-    for (size_t i = 0; i < big.size(); ++i) big[i] = static_cast<char>((i * 131) >> 3);
-    writeFile(root + "/large/three.bin", big, kOld + 10, 0644);
-    writeFile(root + "/large/one.bin", big.substr(0, 1024 * 1024 + 1), kOld + 11, 0600);
-}
+    Client c{SshdFixture::shared()};
+    ScratchDir dir;
+};
 
-TEST(ScpTreeTest, RoundTripGivesTheSameTreeAndRerunsCopyNothing) {
-    SshdFixture& sshd = SshdFixture::shared();
-    REQUIRE_SSHD(sshd);
-    Client c(sshd);
-    ASSERT_TRUE(c.connected);
-    TreeDir dir;
-    std::string src = dir.sub("src"), remote = dir.sub("remote"), dst = dir.sub("dst");
-    buildBigTree(src);
+TEST_F(ScpTreeTest, RoundTripGivesTheSameTreeAndRerunsCopyNothing) {
+    const std::string src = dir.file("src"), remote = dir.file("remote"), dst = dir.file("dst");
+    makeDir(src + "/empty");
+    makeDir(src + "/a/b/c/deep empty", 0700);
+    writeFile(src + "/a/b/c/leaf.bin", std::string("\0\x01\x02\xff", 4), kOld + 2, 0640);
+    writeFile(src + "/dir with blank/file with blank.txt", "blanks", kOld + 3, 0600);
+    writeFile(src + "/run.sh", "#!/bin/sh\n", kOld + 4, 0755);
+    writeFile(src + "/zero", "", kOld + 5);
+    for (int i = 0; i < 100; ++i)
+        writeFile(src + "/many/d" + std::to_string(i % 10) + "/f" + std::to_string(i),
+                  std::string(i * 37, char('a' + i % 26)), kOld + i);
     makeDir(remote);
+    makeDir(dst);
     const TreeSnapshot original = snapshotTree(src);
 
-    ASSERT_TRUE(c.upload(src, remote, 0)) << c.log();
-    EXPECT_EQ(c.synced(), filesOf(original));
+    ASSERT_TRUE(c.sync(true, src, remote, 0)) << lastErrorText(c.scp);
+    EXPECT_EQ(c.synced(), listTree(src, true));
     EXPECT_EQ(snapshotTree(remote), original);
-
-    makeDir(dst);
-    ASSERT_TRUE(c.download(remote, dst, 0)) << c.log();
-    EXPECT_EQ(c.synced(), filesOf(original));
-    TreeSnapshot copied = snapshotTree(dst);
-    EXPECT_EQ(copied.size(), original.size());
-    for (const auto& kv : original) {
-        SCOPED_TRACE(kv.first);
-        EXPECT_TRUE(copied[kv.first] == kv.second);
-    }
-
-    // Nothing differs any more: no mode copies anything.
+    ASSERT_TRUE(c.sync(false, remote, dst, 0)) << lastErrorText(c.scp);
+    EXPECT_EQ(c.synced(), listTree(src, true));
+    EXPECT_EQ(snapshotTree(dst), original);
     for (int mode : {1, 2, 5, 6}) {
-        SCOPED_TRACE("mode " + std::to_string(mode));
-        EXPECT_TRUE(c.upload(src, remote, mode)) << c.log();
-        EXPECT_TRUE(c.synced().empty());
-        EXPECT_TRUE(c.download(remote, dst, mode)) << c.log();
-        EXPECT_TRUE(c.synced().empty());
+        EXPECT_TRUE(c.sync(true, src, remote, mode)) << lastErrorText(c.scp);
+        EXPECT_EQ(c.synced(), Files{}) << "upload mode " << mode;
+        EXPECT_TRUE(c.sync(false, remote, dst, mode)) << lastErrorText(c.scp);
+        EXPECT_EQ(c.synced(), Files{}) << "download mode " << mode;
     }
-    EXPECT_EQ(snapshotTree(dst), copied);
+    EXPECT_EQ(snapshotTree(dst), original);
 }
 
-// A small tree, its remote copy, and a few changes made to one side.
-struct ChangedPair {
-    TreeDir dir;
-    std::string changed = dir.sub("changed");  // the side that was edited
-    std::string other = dir.sub("other");      // an exact copy before the edit
-
-    ChangedPair() {
-        for (const std::string& root : {changed, other}) {
-            makeDir(root);
-            writeFile(root + "/same.txt", "same", kOld);
-            writeFile(root + "/touched.txt", "touch", kOld);
-            writeFile(root + "/resized.txt", "resize", kOld);
-            writeFile(root + "/sub/older.txt", "older", kOld);
-            writeFile(root + "/sub/sizeolder.txt", "sizeolder", kOld);
-        }
-        setMtime(changed + "/touched.txt", kOld + 500);                       // newer, same size
-        writeFile(changed + "/resized.txt", "resize+more", kOld);             // same time, new size
-        setMtime(changed + "/sub/older.txt", kOld - 500);                     // older, same size
-        writeFile(changed + "/sub/sizeolder.txt", "sizeolder!", kOld - 500);  // older, new size
-        writeFile(changed + "/sub/added.txt", "added", kOld);
-    }
-};
-
-TEST(ScpTreeTest, ChangedFilesAreCopiedExactlyAsTheModeSays) {
-    SshdFixture& sshd = SshdFixture::shared();
-    REQUIRE_SSHD(sshd);
-    Client c(sshd);
-    ASSERT_TRUE(c.connected);
-    using Files = std::vector<std::string>;
-    const Files addedOnly = {"sub/added.txt"};
-    struct Case {
+TEST_F(ScpTreeTest, EditedFilesAreCopiedExactlyAsTheModeSays) {
+    const struct {
         bool upload;
         int mode;
         Files expected;
-    };
-    const Case cases[] = {
-        {true, 1, addedOnly},
+    } cases[] = {
         {true, 2, {"sub/added.txt", "touched.txt"}},
-        {true, 3, {"touched.txt"}},
         {true, 4, {"resized.txt", "sub/added.txt", "sub/sizeolder.txt"}},
         {true, 5, {"resized.txt", "sub/added.txt", "sub/sizeolder.txt", "touched.txt"}},
-        {false, 1, addedOnly},
-        {false, 2, {"sub/added.txt", "touched.txt"}},
         {false, 3, {"touched.txt"}},
-        {false, 4, {"touched.txt"}},
         {false, 5, {"resized.txt", "sub/added.txt", "sub/sizeolder.txt"}},
         {false, 6, {"resized.txt", "sub/added.txt", "sub/sizeolder.txt", "touched.txt"}},
     };
-    for (const Case& k : cases) {
-        SCOPED_TRACE(std::string(k.upload ? "upload" : "download") + " mode " +
-                     std::to_string(k.mode));
-        ChangedPair pair;
-        // The edited side is the source of the copy.
-        bool ok = k.upload ? c.upload(pair.changed, pair.other, k.mode)
-                           : c.download(pair.changed, pair.other, k.mode);
-        ASSERT_TRUE(ok) << c.log();
+    for (const auto& k : cases) {
+        SCOPED_TRACE((k.upload ? "upload mode " : "download mode ") + std::to_string(k.mode));
+        // Two equal trees; then one of them, the source of the copy, is edited.
+        ScratchDir pair;
+        const std::string edited = pair.file("edited"), other = pair.file("other");
+        for (const std::string& root : {edited, other})
+            for (const char* f :
+                 {"same.txt", "touched.txt", "resized.txt", "sub/older.txt", "sub/sizeolder.txt"})
+                writeFile(root + "/" + f, f, kOld);
+        writeFile(edited + "/touched.txt", "touched.txt", kOld + 500);  // newer
+        writeFile(edited + "/resized.txt", "resized.txt+", kOld);       // other size
+        writeFile(edited + "/sub/older.txt", "sub/older.txt", kOld - 500);
+        writeFile(edited + "/sub/sizeolder.txt", "sub/sizeolder.txt!", kOld - 500);
+        writeFile(edited + "/sub/added.txt", "added", kOld);
+        ASSERT_TRUE(c.sync(k.upload, edited, other, k.mode)) << lastErrorText(c.scp);
         EXPECT_EQ(c.synced(), k.expected);
-        for (const std::string& f : k.expected) {
-            EXPECT_EQ(readFile(pair.other + "/" + f), readFile(pair.changed + "/" + f));
-        }
+        const TreeSnapshot want = snapshotTree(edited), got = snapshotTree(other);
+        for (const std::string& f : k.expected) EXPECT_EQ(got.at(f), want.at(f)) << f;
     }
 }
 
-TEST(ScpTreeTest, FiltersAndRecurseChooseWhatIsCopied) {
-    SshdFixture& sshd = SshdFixture::shared();
-    REQUIRE_SSHD(sshd);
-    using Files = std::vector<std::string>;
-    struct Case {
-        const char* name;
-        const char* filters[4];  // must, mustNot, mustDir, mustNotDir
+TEST_F(ScpTreeTest, FiltersAndRecurseChooseWhatIsCopied) {
+    const struct {
+        std::array<std::string, 4> filters;  // files, not files, dirs, not dirs
         bool recurse;
         Files expected;
+    } cases[] = {
+        {{"*.txt"}, true, {"a.txt", "keep/c.txt", "skip/e.txt"}},
+        // A download tests the remote root's own name against the directory filters too.
+        {{"", "", "keep*;from"}, true, {"a.txt", "b.log", "keep/c.txt", "keep/d.log"}},
+        {{"", "", "", "sk*"}, true, {"a.txt", "b.log", "keep/c.txt", "keep/d.log"}},
+        {{"*.txt", "b*", "*", "skip"}, true, {"a.txt", "keep/c.txt"}},
+        {{}, false, {"a.txt", "b.log"}},
     };
-    const Case cases[] = {
-        {"must match", {"*.txt", "", "", ""}, true, {"a.txt", "keep/c.txt", "skip/e.txt"}},
-        {"must not match", {"", "*.txt", "", ""}, true, {"b.log", "keep/d.log", "skip/f.log"}},
-        // A download tests the remote root's own name against the directory
-        // filters too.
-        {"must match dir",
-         {"", "", "keep*;from", ""},
-         true,
-         {"a.txt", "b.log", "keep/c.txt", "keep/d.log"}},
-        {"must not match dir",
-         {"", "", "", "sk*"},
-         true,
-         {"a.txt", "b.log", "keep/c.txt", "keep/d.log"}},
-        {"all four", {"*.txt", "b*", "*", "skip"}, true, {"a.txt", "keep/c.txt"}},
-        {"recurse false", {"", "", "", ""}, false, {"a.txt", "b.log"}},
-    };
-    Client c(sshd);
-    ASSERT_TRUE(c.connected);
-    for (const Case& k : cases) {
+    for (const auto& k : cases) {
         for (bool upload : {true, false}) {
-            SCOPED_TRACE(std::string(k.name) + (upload ? ", upload" : ", download"));
-            TreeDir dir;
-            std::string from = dir.sub("from"), to = dir.sub("to");
+            SCOPED_TRACE(k.filters[0] + "|" + k.filters[1] + "|" + k.filters[2] + "|" +
+                         k.filters[3] + (upload ? " upload" : " download"));
+            ScratchDir pair;
             for (const char* f :
-                 {"a.txt", "b.log", "keep/c.txt", "keep/d.log", "skip/e.txt", "skip/f.log"}) {
-                writeFile(from + "/" + f, f, kOld);
-            }
-            makeDir(to);
-            c.filters(k.filters[0], k.filters[1], k.filters[2], k.filters[3]);
-            bool ok =
-                upload ? c.upload(from, to, 0, k.recurse) : c.download(from, to, 0, k.recurse);
-            ASSERT_TRUE(ok) << c.log();
+                 {"a.txt", "b.log", "keep/c.txt", "keep/d.log", "skip/e.txt", "skip/f.log"})
+                writeFile(pair.file("from/") + f, f, kOld);
+            makeDir(pair.file("to"));
+            c.filters(k.filters);
+            ASSERT_TRUE(c.sync(upload, pair.file("from"), pair.file("to"), 0, k.recurse))
+                << lastErrorText(c.scp);
             EXPECT_EQ(c.synced(), k.expected);
-            EXPECT_EQ(filesOf(snapshotTree(to)), k.expected);
+            EXPECT_EQ(listTree(pair.file("to"), true), k.expected);
         }
     }
-    c.filters("", "", "", "");
 }
 
-TEST(ScpTreeTest, MissingRemoteRootWritesNothing) {
-    SshdFixture& sshd = SshdFixture::shared();
-    REQUIRE_SSHD(sshd);
-    Client c(sshd);
-    ASSERT_TRUE(c.connected);
-    TreeDir dir;
-    std::string local = dir.sub("local");
-    std::string missing = dir.sub("no such dir");
-
-    class Quiet : public ProgressEvent {
-    } progress;
-    EXPECT_FALSE(c.download(missing, local, 0, true, &progress));
-    std::string log = c.log();
-    EXPECT_NE(log.find("No such file or directory"), std::string::npos) << log;
-    EXPECT_NE(log.find("Failed to get total size of what needs to be downloaded."),
-              std::string::npos)
-        << log;
-    EXPECT_FALSE(pathExists(local));
-    EXPECT_TRUE(c.synced().empty());
+TEST_F(ScpTreeTest, MissingRemoteRootWritesNothing) {
+    ProgressEvent progress;
+    EXPECT_FALSE(c.sync(false, dir.file("no such dir"), dir.file("local"), 0, true, &progress));
+    expectLog(lastErrorText(c.scp), {"No such file or directory",
+                                     "Failed to get total size of what needs to be downloaded."});
+    EXPECT_FALSE(pathExists(dir.file("local")));
+    EXPECT_EQ(c.synced(), Files{});
 }
 
 // Asks to abort once `limit` files have been written.
-class AbortAfterFiles : public ProgressEvent {
-  public:
-    explicit AbortAfterFiles(int limit) : m_limit(limit) {}
-    int files = 0;
+struct AbortAfterFiles : ProgressEvent {
+    size_t files = 0, limit = 5;
     void OnNamedEvent(const char* name, const char*) override {
-        std::string n = name;
-        if (n == "scp-localfile-created" || n == "scp-localfile-uploaded") ++files;
+        files += std::string(name) == "scp-localfile-created" ||
+                 std::string(name) == "scp-localfile-uploaded";
     }
-    void OnPercent(int, bool& abort) override {
-        if (files >= m_limit) abort = true;
-    }
-
-  private:
-    int m_limit;
+    void OnPercent(int, bool& abort) override { abort = files >= limit; }
 };
 
-TEST(ScpTreeTest, AbortFromTheCallbackStopsMidTreeAndTheConnectionGoesOn) {
-    SshdFixture& sshd = SshdFixture::shared();
-    REQUIRE_SSHD(sshd);
-    Client c(sshd);
-    ASSERT_TRUE(c.connected);
-    TreeDir dir;
-    std::string src = dir.sub("src"), remote = dir.sub("remote"), dst = dir.sub("dst");
+TEST_F(ScpTreeTest, AbortStopsMidTreeAndTheNextTransferWorks) {
+    const std::string src = dir.file("src"), remote = dir.file("remote"), dst = dir.file("dst");
     for (int i = 0; i < 40; ++i)
         writeFile(src + "/d" + std::to_string(i % 4) + "/f" + std::to_string(i),
                   std::string(2000, 'x'), kOld);
     makeDir(remote);
     makeDir(dst);
-
-    AbortAfterFiles upAbort(5);
-    EXPECT_FALSE(c.upload(src, remote, 0, true, &upAbort));
-    size_t sent = c.synced().size();
-    EXPECT_GE(sent, 5u);
-    EXPECT_LT(sent, 40u);
-
-    ASSERT_TRUE(c.upload(src, remote, 0)) << c.log();
-    AbortAfterFiles downAbort(5);
-    EXPECT_FALSE(c.download(remote, dst, 0, true, &downAbort));
-    size_t got = c.synced().size();
-    EXPECT_GE(got, 5u);
-    EXPECT_LT(got, 40u);
-
-    // The same connection runs the next transfer to its end.
-    ASSERT_TRUE(c.download(remote, dst, 0)) << c.log();
+    for (bool upload : {true, false}) {
+        AbortAfterFiles abort;
+        EXPECT_FALSE(upload ? c.sync(true, src, remote, 0, true, &abort)
+                            : c.sync(false, remote, dst, 0, true, &abort));
+        EXPECT_GE(c.synced().size(), 5u);
+        EXPECT_LT(c.synced().size(), 40u);
+        // The same connection runs the next transfer to its end.
+        ASSERT_TRUE(upload ? c.sync(true, src, remote, 0) : c.sync(false, remote, dst, 0))
+            << lastErrorText(c.scp);
+    }
     EXPECT_EQ(snapshotTree(dst), snapshotTree(src));
 }
 
-// A remote "scp" that plays a scripted source and ignores what it is asked.
-// The scenario is chosen by the requested path.
+// A remote "scp" that plays a source of its own, whatever it is asked; the
+// requested path picks the scenario.
 const char* const kHostileScp = R"(#!/bin/sh
 ack() { dd bs=1 count=1 of=/dev/null 2>/dev/null; }
 case "$SSH_ORIGINAL_COMMAND" in
-*dotdot-file*)
-    ack; printf 'D0755 0 x\n'
-    ack; printf 'C0644 3 ../evil\n'
-    ack; printf 'bad\0'
-    ack; printf 'E\n'; ack ;;
+*dotdot-file*) name='../evil' ;;
+*absolute*) name="$EVIL_DIR/evil" ;;
 *dotdot-dir*)
-    ack; printf 'D0755 0 x\n'
-    ack; printf 'D0755 0 ..\n'
-    ack; printf 'C0644 3 evil\n'
-    ack; printf 'bad\0'
-    ack; printf 'E\nE\n'; ack ;;
-*absolute*)
-    ack; printf 'D0755 0 x\n'
-    ack; printf 'C0644 3 %s/evil\n' "$EVIL_DIR"
-    ack; printf 'bad\0'
-    ack; printf 'E\n'; ack ;;
-*)
-    echo "unexpected command: $SSH_ORIGINAL_COMMAND" >&2; exit 1 ;;
+    ack; printf 'D0755 0 x\n'; ack; printf 'D0755 0 ..\n'; ack; printf 'C0644 3 evil\n'
+    ack; printf 'bad\0'; ack; printf 'E\nE\n'; ack; exit 0 ;;
+*) exit 1 ;;
 esac
+ack; printf 'D0755 0 x\n'; ack; printf 'C0644 3 %s\n' "$name"; ack; printf 'bad\0'
+ack; printf 'E\n'; ack
 )";
 
-TEST(ScpTreeTest, HostileRemoteScpCannotWriteOutsideTheRoot) {
-    TreeDir scripts;
-    std::string script = scripts.sub("hostile-scp");
-    writeFile(script, kHostileScp, -1, 0755);
+TEST(ScpTreeHostileTest, RemoteScpCannotWriteOutsideTheRoot) {
+    ScratchDir scripts;
+    writeFile(scripts.file("hostile-scp"), kHostileScp, -1, 0755);
     SshdOptions options;
-    options.extraConfig = "ForceCommand " + script + "\nSetEnv EVIL_DIR=" + scripts.path();
+    options.extraConfig =
+        "ForceCommand " + scripts.file("hostile-scp") + "\nSetEnv EVIL_DIR=" + scripts.path();
     SshdFixture sshd(options);
-    REQUIRE_SSHD(sshd);
+    if (!sshd.ok()) GTEST_SKIP() << sshd.error();
     Client c(sshd);
-    ASSERT_TRUE(c.connected);
-
+    ASSERT_TRUE(c.connected) << lastErrorText(c.ssh);
     for (const char* scenario : {"dotdot-file", "dotdot-dir", "absolute"}) {
         SCOPED_TRACE(scenario);
-        TreeDir dir;
-        std::string root = dir.sub("parent/root");
-        makeDir(root);
-        EXPECT_FALSE(c.download(std::string("/srv/") + scenario, root, 0)) << c.log();
-        EXPECT_NE(c.log().find("Refusing an unsafe file name from the server."), std::string::npos)
-            << c.log();
-        EXPECT_EQ(listTree(dir.path()), (std::vector<std::string>{"parent", "parent/root"}));
-        EXPECT_FALSE(pathExists(scripts.sub("evil")));
-        EXPECT_TRUE(c.synced().empty());
+        ScratchDir dir;
+        makeDir(dir.file("parent/root"));
+        EXPECT_FALSE(c.sync(false, std::string("/srv/") + scenario, dir.file("parent/root"), 0));
+        expectLog(lastErrorText(c.scp), {"Refusing an unsafe file name from the server."});
+        EXPECT_EQ(listTree(dir.path()), (Files{"parent", "parent/root"}));
+        EXPECT_FALSE(pathExists(scripts.file("evil")));
+        EXPECT_EQ(c.synced(), Files{});
     }
 }
 

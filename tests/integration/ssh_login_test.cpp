@@ -1,277 +1,154 @@
-// Logging in to a real sshd: password, key files of each kind, ssh-agent,
-// and the automatic order (agent, then default keys).
-#include <fcntl.h>
+// Logging in to a real sshd: key files, password, ssh-agent, and the
+// automatic order (agent, then the default keys).
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <spawn.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <chrono>
-#include <mutex>
+#include <cstdlib>
 #include <optional>
 #include <string>
-#include <thread>
-#include <vector>
 
-#include "base/DataBuffer.h"
-#include "base/Logger.h"
-#include "base/Progress.h"
-#include "ssh/ClsSsh.h"
 #include "tests/integration/ssh_test_util.h"
-#include "tests/support/SshdFixture.h"
-
-extern char** environ;
 
 namespace scpkit::test {
 namespace {
 
-#define REQUIRE_SSHD(sshd)                     \
-    SshdFixture& sshd = SshdFixture::shared(); \
-    if (!sshd.ok()) GTEST_SKIP() << "no test sshd: " << sshd.error()
+constexpr const char* kPassphrase = "correct horse";
+
+// A key of the fixture's directory; made, with the authorized ones added to
+// authorized_keys, on first use: "pem" (PEM RSA), "enc" (with a passphrase),
+// "stranger" (not authorized), and the fixture's own "client_ed25519".
+std::string key(const SshdFixture& sshd, const std::string& name) {
+    const std::string d = sshd.tempDir() + "/";
+    static const int made =
+        shell("ssh-keygen -q -t rsa -b 1024 -m PEM -N '' -f " + d +
+              "pem && ssh-keygen -q -t ed25519 -N '" + kPassphrase + "' -f " + d +
+              "enc && ssh-keygen -q -t ed25519 -N '' -f " + d + "stranger && cat " + d +
+              "pem.pub " + d + "enc.pub >> " + d + "authorized_keys");
+    EXPECT_EQ(made, 0);
+    return d + name;
+}
 
 bool connectOnly(ClsSsh& ssh, const SshdFixture& sshd) {
-    XString kh(sshd.knownHostsPath().c_str());
+    XString kh(sshd.knownHostsPath().c_str()), host(sshd.host().c_str());
     ssh.put_KnownHostsPath(kh);
-    ssh.put_ConnectTimeoutMs(10000);
-    ssh.put_StallTimeoutMs(10000);
-    XString host(sshd.host().c_str());
     return ssh.Connect(host, sshd.port());
 }
 
-// The remote user name as the server sees it, through a channel.
-std::string remoteWhoami(ClsSsh& ssh) {
-    _vqLogger log;
-    SocketParams sp(nullptr);
-    int ch = ssh.openSessionChannel(sp, log);
-    if (ch < 0) return "<no channel>";
-    XString cmd("id -un");
-    SshReadParams rp;
-    if (!ssh.sendReqExec(ch, cmd, sp, log) || !ssh.channelReceiveUntilCondition(ch, 1, rp, sp, log))
-        return "<failed> " + rendered(log);
-    DataBuffer out;
-    ssh.getReceivedData(ch, out, log);
-    std::string s(reinterpret_cast<const char*>(out.getData2()), out.getSize());
-    while (!s.empty() && s.back() == '\n') s.pop_back();
-    return s;
+// A login's outcome: its result, its log, and still connected either way
+// (another method may be tried); the remote user when it worked.
+void expectLogin(ClsSsh& ssh, bool ok, bool expected, const char* logged, const std::string& user) {
+    EXPECT_EQ(ok, expected);
+    expectLog(lastErrorText(ssh), {logged, expected ? "Success." : "Failed."});
+    EXPECT_TRUE(ssh.get_IsConnected());
+    if (!expected) return;
+    EXPECT_EQ(execOutput(ssh, "id -un | tr -d '\\n'"), user);
 }
 
-// Keys of every kind the login must handle, made once; the authorized ones
-// are appended to the fixture's authorized_keys.
-struct KeySet {
-    std::string dir;
-    std::string opensshPlain, pemRsa, pemEcdsa, opensshEnc, pemEnc, unauthorized;
-    static constexpr const char* kPassphrase = "correct horse";
-};
-
-const KeySet& keys(const SshdFixture& sshd) {
-    static KeySet set;
-    static std::once_flag once;
-    std::call_once(once, [&] {
-        set.dir = sshd.makeScratchDir("keys");
-        auto make = [&](const char* name, const char* args, const char* pass, bool authorize) {
-            std::string path = set.dir + "/" + name;
-            std::string out;
-            EXPECT_EQ(
-                shell(std::string("ssh-keygen -q ") + args + " -N '" + pass + "' -f " + path, &out),
-                0)
-                << out;
-            if (authorize) {
-                EXPECT_EQ(shell("cat " + path + ".pub >> " + sshd.tempDir() + "/authorized_keys"),
-                          0);
-            }
-            return path;
-        };
-        set.opensshPlain = sshd.clientKeyPath();
-        set.pemRsa = make("pem_rsa", "-t rsa -b 1024 -m PEM", "", true);
-        set.pemEcdsa = make("pem_ecdsa", "-t ecdsa -m PEM", "", true);
-        set.opensshEnc = make("openssh_enc", "-t ed25519", KeySet::kPassphrase, true);
-        set.pemEnc = make("pem_enc", "-t rsa -b 1024 -m PEM", KeySet::kPassphrase, true);
-        set.unauthorized = make("stranger", "-t ed25519", "", false);
-    });
-    return set;
-}
-
-TEST(SshLogin, KeyFilesOfEachKind) {
+TEST(SshLogin, KeyFiles) {
     REQUIRE_SSHD(sshd);
-    const KeySet& k = keys(sshd);
-    struct Case {
-        const char* name;
-        std::string path;
-        const char* passphrase;
+    const struct {
+        const char *key, *passphrase, *logged;
         bool ok;
-        const char* expected;  // in LastErrorText when it fails
+    } cases[] = {
+        {"client_ed25519", "", "LoginWithKeyFile:", true},
+        {"pem", "", "LoginWithKeyFile:", true},
+        {"enc", kPassphrase, "LoginWithKeyFile:", true},
+        {"enc", "", "a passphrase is required", false},
+        {"enc", "wrong", "wrong passphrase", false},
+        {"stranger", "", "The server refused the key.", false},
+        {"client_ed25519.pub", "", "not an OpenSSH or PEM", false},
+        {"nope", "", "cannot be read", false},
     };
-    const Case cases[] = {
-        {"openssh ed25519", k.opensshPlain, "", true, ""},
-        {"pem rsa", k.pemRsa, "", true, ""},
-        {"pem ecdsa", k.pemEcdsa, "", true, ""},
-        {"openssh encrypted, passphrase", k.opensshEnc, KeySet::kPassphrase, true, ""},
-        {"pem encrypted, passphrase", k.pemEnc, KeySet::kPassphrase, true, ""},
-        {"openssh encrypted, none", k.opensshEnc, "", false, "a passphrase is required"},
-        {"pem encrypted, none", k.pemEnc, "", false, "a passphrase is required"},
-        {"openssh encrypted, wrong", k.opensshEnc, "wrong", false, "wrong passphrase"},
-        {"not authorized", k.unauthorized, "", false, "The server refused the key."},
-        {"public key file", k.opensshPlain + ".pub", "", false, "not an OpenSSH or PEM"},
-        {"missing file", k.dir + "/nope", "", false, "cannot be read"},
-        {"directory", k.dir, "", false, "not a file"},
-        {"empty path", "", "", false, "No private key file given."},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.name);
+    for (const auto& c : cases) {
+        SCOPED_TRACE(std::string(c.key) + " / " + c.passphrase);
         ClsSsh ssh;
         ASSERT_TRUE(connectOnly(ssh, sshd)) << lastErrorText(ssh);
-        XString user(sshd.user().c_str());
-        XString path(c.path.c_str());
-        XString pass(c.passphrase);
-        EXPECT_EQ(ssh.LoginWithKeyFile(user, path, pass), c.ok);
-        std::string log = lastErrorText(ssh);
-        EXPECT_NE(log.find("LoginWithKeyFile:"), std::string::npos) << log;
-        if (c.ok) {
-            EXPECT_NE(log.find("Success."), std::string::npos) << log;
-            EXPECT_TRUE(ssh.get_IsConnected());
-        } else {
-            EXPECT_NE(log.find(c.expected), std::string::npos) << log;
-            EXPECT_NE(log.find("Failed."), std::string::npos) << log;
-            // Still connected: another method may be tried.
-            EXPECT_TRUE(ssh.get_IsConnected());
-        }
+        XString user(sshd.user().c_str()), path(key(sshd, c.key).c_str()), pass(c.passphrase);
+        expectLogin(ssh, ssh.LoginWithKeyFile(user, path, pass), c.ok, c.logged, sshd.user());
     }
 }
 
 TEST(SshLogin, Password) {
     REQUIRE_SSHD(sshd);
     if (sshd.passwordUser().empty()) GTEST_SKIP() << "needs the password user (root)";
-    struct Case {
+    const struct {
         std::string password;
         bool ok;
-        const char* expected;
-    };
-    const Case cases[] = {
-        {sshd.password(), true, "Success."},
+        const char* logged;
+    } cases[] = {
+        {sshd.password(), true, "LoginWithPassword:"},
         {sshd.password() + "x", false, "The server refused the user name and password."},
         {"", false, "No password given."},
     };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.password);
+    for (const auto& c : cases) {
         ClsSsh ssh;
         ASSERT_TRUE(connectOnly(ssh, sshd)) << lastErrorText(ssh);
-        XString user(sshd.passwordUser().c_str());
-        XString pw(c.password.c_str());
-        EXPECT_EQ(ssh.LoginWithPassword(user, pw), c.ok);
-        std::string log = lastErrorText(ssh);
-        EXPECT_NE(log.find(c.expected), std::string::npos) << log;
-        if (c.ok) {
-            EXPECT_EQ(remoteWhoami(ssh), sshd.passwordUser());
-        }
+        XString user(sshd.passwordUser().c_str()), pw(c.password.c_str());
+        expectLogin(ssh, ssh.LoginWithPassword(user, pw), c.ok, c.logged, sshd.passwordUser());
     }
 }
 
-TEST(SshLogin, NeedsAConnection) {
-    ClsSsh ssh;
-    XString user("root");
-    XString pw("x");
-    XString none;
-    EXPECT_FALSE(ssh.LoginWithPassword(user, pw));
-    EXPECT_NE(lastErrorText(ssh).find("Not connected to an SSH server"), std::string::npos);
-    EXPECT_FALSE(ssh.LoginWithKeyFile(user, pw, none));
-    EXPECT_FALSE(ssh.LoginWithAgent(user));
-    EXPECT_FALSE(ssh.LoginAuto(user));
-    EXPECT_NE(lastErrorText(ssh).find("LoginAuto:"), std::string::npos);
-}
+// Sets (or, given nothing, removes) an environment variable until scope exit.
+struct ScopedEnv {
+    std::string name;
+    std::optional<std::string> old;
+    ScopedEnv(const char* n, const std::optional<std::string>& value) : name(n) {
+        if (const char* o = getenv(n)) old = o;
+        value ? setenv(n, value->c_str(), 1) : unsetenv(n);
+    }
+    ~ScopedEnv() { old ? setenv(name.c_str(), old->c_str(), 1) : unsetenv(name.c_str()); }
+};
 
-// An ssh-agent on its own socket, started in the foreground so that its
-// PID is ours to stop.
-class TestAgent {
-  public:
-    explicit TestAgent(const std::string& dir) : m_socket(dir + "/agent.sock") {
-        std::vector<std::string> args = {"/usr/bin/ssh-agent", "-D", "-a", m_socket};
-        std::vector<char*> argv;
-        for (auto& a : args) argv.push_back(a.data());
-        argv.push_back(nullptr);
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
-        if (posix_spawn(&m_pid, argv[0], &actions, nullptr, argv.data(), environ) != 0) m_pid = -1;
-        posix_spawn_file_actions_destroy(&actions);
-        struct stat st;
-        for (int i = 0; i < 100 && m_pid > 0 && stat(m_socket.c_str(), &st) != 0; ++i)
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+// An ssh-agent on its own socket holding one key, stopped by its PID.
+struct TestAgent {
+    std::string socket;
+    int pid = -1;
+    TestAgent(const std::string& dir, const std::string& key) : socket(dir + "/agent.sock") {
+        std::string out;
+        const int rc = shell(
+            "ssh-agent -a " + socket + " && SSH_AUTH_SOCK=" + socket + " ssh-add -q " + key, &out);
+        EXPECT_EQ(rc, 0) << out;
+        const size_t at = out.find("SSH_AGENT_PID=");
+        if (at != std::string::npos) pid = std::atoi(out.c_str() + at + 14);
     }
     ~TestAgent() {
-        if (m_pid > 0) {
-            kill(m_pid, SIGTERM);
-            int status;
-            waitpid(m_pid, &status, 0);
-        }
+        if (pid > 0) kill(pid, SIGTERM);
     }
-    bool running() const { return m_pid > 0; }
-    const std::string& socket() const { return m_socket; }
-    bool add(const std::string& key) {
-        std::string out;
-        bool ok = shell("SSH_AUTH_SOCK=" + m_socket + " ssh-add -q " + key, &out) == 0;
-        EXPECT_TRUE(ok) << out;
-        return ok;
-    }
-
-  private:
-    std::string m_socket;
-    pid_t m_pid = -1;
 };
 
 TEST(SshLogin, AgentAndAutomaticOrder) {
     REQUIRE_SSHD(sshd);
-    const KeySet& k = keys(sshd);
-    TestAgent goodAgent(sshd.makeScratchDir("agent"));
-    TestAgent strangerAgent(sshd.makeScratchDir("agent"));
-    ASSERT_TRUE(goodAgent.running() && strangerAgent.running());
-    ASSERT_TRUE(goodAgent.add(k.opensshPlain));
-    ASSERT_TRUE(strangerAgent.add(k.unauthorized));
-
-    std::string emptyHome = sshd.makeScratchDir("emptyhome");
-    std::string keyedHome = sshd.makeScratchDir("keyedhome");
-    ASSERT_EQ(shell("mkdir -p " + keyedHome + "/.ssh && cp " + k.opensshPlain + " " + keyedHome +
-                    "/.ssh/id_ed25519"),
+    TestAgent good(sshd.makeScratchDir("agent"), key(sshd, "client_ed25519"));
+    TestAgent stranger(sshd.makeScratchDir("agent"), key(sshd, "stranger"));
+    const std::string emptyHome = sshd.makeScratchDir("home"),
+                      keyedHome = sshd.makeScratchDir("home");
+    ASSERT_EQ(shell("mkdir " + keyedHome + "/.ssh && cp " + key(sshd, "client_ed25519") + " " +
+                    keyedHome + "/.ssh/id_ed25519"),
               0);
-
-    enum Method { Agent, Auto };
-    struct Case {
-        const char* name;
-        Method method;
-        std::optional<std::string> agentSocket;
+    const struct {
+        bool agentOnly;
+        std::optional<std::string> agent;
         std::string home;
         bool ok;
-        const char* expected;
+        const char* logged;
+    } cases[] = {
+        {true, good.socket, emptyHome, true, "LoginWithAgent:"},
+        {true, stranger.socket, emptyHome, false, "accepted none of the agent's keys"},
+        {true, std::nullopt, emptyHome, false, "SSH_AUTH_SOCK is not set"},
+        {false, good.socket, emptyHome, true, "LoginAuto:"},
+        {false, std::nullopt, keyedHome, true, "LoginAuto:"},
+        {false, stranger.socket, keyedHome, true, "LoginAuto:"},
+        {false, stranger.socket, emptyHome, false, "none of the default keys"},
     };
-    const Case cases[] = {
-        {"agent with the key", Agent, goodAgent.socket(), emptyHome, true, "Success."},
-        {"agent without it", Agent, strangerAgent.socket(), emptyHome, false,
-         "accepted none of the agent's keys"},
-        {"no agent", Agent, std::nullopt, emptyHome, false, "SSH_AUTH_SOCK is not set"},
-        {"auto: agent", Auto, goodAgent.socket(), emptyHome, true, "Success."},
-        {"auto: default key", Auto, std::nullopt, keyedHome, true, "Success."},
-        {"auto: agent without it, default key", Auto, strangerAgent.socket(), keyedHome, true,
-         "Success."},
-        {"auto: nothing", Auto, strangerAgent.socket(), emptyHome, false,
-         "none of the default keys"},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.name);
-        ScopedEnv sock("SSH_AUTH_SOCK", c.agentSocket);
-        ScopedEnv home("HOME", c.home);
+    for (const auto& c : cases) {
+        SCOPED_TRACE(std::string(c.agentOnly ? "agent: " : "auto: ") + c.agent.value_or("none") +
+                     ", " + c.home);
+        ScopedEnv sock("SSH_AUTH_SOCK", c.agent), home("HOME", c.home);
         ClsSsh ssh;
         ASSERT_TRUE(connectOnly(ssh, sshd)) << lastErrorText(ssh);
         XString user(sshd.user().c_str());
-        bool ok = c.method == Agent ? ssh.LoginWithAgent(user) : ssh.LoginAuto(user);
-        EXPECT_EQ(ok, c.ok);
-        std::string log = lastErrorText(ssh);
-        EXPECT_NE(log.find(c.method == Agent ? "LoginWithAgent:" : "LoginAuto:"),
-                  std::string::npos);
-        EXPECT_NE(log.find(c.expected), std::string::npos) << log;
-        if (ok) {
-            EXPECT_EQ(remoteWhoami(ssh), sshd.user());
-        }
+        const bool ok = c.agentOnly ? ssh.LoginWithAgent(user) : ssh.LoginAuto(user);
+        expectLogin(ssh, ok, c.ok, c.logged, sshd.user());
     }
 }
 
