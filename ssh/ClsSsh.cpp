@@ -167,6 +167,15 @@ ClsSsh::Channel* ClsSsh::findChannel(int channel) {
     return it->second.get();
 }
 
+ClsSsh::Channel* ClsSsh::findChannelLogged(int channel, LogBase& log) {
+    Channel* ch = findChannel(channel);
+    if (!ch) {
+        log.LogError("Unknown channel.");
+        log.LogDataLong("channel", channel);
+    }
+    return ch;
+}
+
 unsigned char* ClsSsh::scratch() {
     if (m_scratch.size() < kChunkSize) m_scratch.resize(kChunkSize);
     return m_scratch.data();
@@ -272,11 +281,7 @@ int ClsSsh::openSessionChannel(SocketParams& sp, LogBase& log) {
 bool ClsSsh::sendReqSetEnv(int channel, XString& name, XString& value, SocketParams& sp,
                            LogBase& log) {
     std::lock_guard<std::recursive_mutex> lock(m_ioMutex);
-    if (!findChannel(channel)) {
-        log.LogError("Unknown channel.");
-        log.LogDataLong("channel", channel);
-        return false;
-    }
+    if (!findChannelLogged(channel, log)) return false;
     if (sp.spAbortCheck(log)) return false;
     if (!m_transport->setEnv(channel, name.getUtf8(), value.getUtf8(), log)) {
         log.LogError("The server refused the environment variable.");
@@ -292,11 +297,7 @@ bool ClsSsh::sendReqSetEnv(int channel, XString& name, XString& value, SocketPar
 
 bool ClsSsh::sendReqExec(int channel, XString& command, SocketParams& sp, LogBase& log) {
     std::lock_guard<std::recursive_mutex> lock(m_ioMutex);
-    if (!findChannel(channel)) {
-        log.LogError("Unknown channel.");
-        log.LogDataLong("channel", channel);
-        return false;
-    }
+    if (!findChannelLogged(channel, log)) return false;
     if (sp.spAbortCheck(log)) return false;
     if (!m_transport->exec(channel, command.getUtf8(), log)) {
         log.LogError("The server refused to run the command.");
@@ -408,22 +409,14 @@ bool ClsSsh::writeAll(int channel, const unsigned char* data, size_t numBytes, S
 bool ClsSsh::channelSendData(unsigned channel, DataBuffer& data, SocketParams& sp, LogBase& log) {
     std::lock_guard<std::recursive_mutex> lock(m_ioMutex);
     int ch = static_cast<int>(channel);
-    if (!findChannel(ch)) {
-        log.LogError("Unknown channel.");
-        log.LogDataLong("channel", ch);
-        return false;
-    }
+    if (!findChannelLogged(ch, log)) return false;
     return writeAll(ch, data.getData2(), data.getSize(), sp, log);
 }
 
 bool ClsSsh::channelSendNFromSource(int channel, _vqDataSource& source, long long numBytes,
                                     SocketParams& sp, LogBase& log) {
     std::lock_guard<std::recursive_mutex> lock(m_ioMutex);
-    if (!findChannel(channel)) {
-        log.LogError("Unknown channel.");
-        log.LogDataLong("channel", channel);
-        return false;
-    }
+    if (!findChannelLogged(channel, log)) return false;
     if (numBytes < 0) {
         log.LogError("Invalid number of bytes to send.");
         log.LogDataInt64("numBytes", numBytes);
@@ -459,12 +452,8 @@ bool ClsSsh::channelSendNFromSource(int channel, _vqDataSource& source, long lon
 bool ClsSsh::channelReadNToOutput(int channel, long long numBytes, _vqOutput& out, SocketParams& sp,
                                   LogBase& log) {
     std::lock_guard<std::recursive_mutex> lock(m_ioMutex);
-    Channel* ch = findChannel(channel);
-    if (!ch) {
-        log.LogError("Unknown channel.");
-        log.LogDataLong("channel", channel);
-        return false;
-    }
+    Channel* ch = findChannelLogged(channel, log);
+    if (!ch) return false;
     if (numBytes < 0) {
         log.LogError("Invalid number of bytes to read.");
         log.LogDataInt64("numBytes", numBytes);
@@ -512,12 +501,8 @@ bool ClsSsh::channelReadNToOutput(int channel, long long numBytes, _vqOutput& ou
 
 int ClsSsh::channelRead(int channel, SocketParams& sp, LogBase& log) {
     std::lock_guard<std::recursive_mutex> lock(m_ioMutex);
-    Channel* ch = findChannel(channel);
-    if (!ch) {
-        log.LogError("Unknown channel.");
-        log.LogDataLong("channel", channel);
-        return -1;
-    }
+    Channel* ch = findChannelLogged(channel, log);
+    if (!ch) return -1;
     ch->mirrorInto(sp);
     // A channel the peer closed earlier will never deliver again; saying so
     // keeps a caller that waits for EOF from looping.
@@ -539,12 +524,8 @@ bool ClsSsh::receivedDataContainsChar(int channel, char c) {
 
 void ClsSsh::getReceivedData(int channel, DataBuffer& out, LogBase& log) {
     std::lock_guard<std::recursive_mutex> lock(m_ioMutex);
-    Channel* ch = findChannel(channel);
-    if (!ch) {
-        log.LogError("Unknown channel.");
-        log.LogDataLong("channel", channel);
-        return;
-    }
+    Channel* ch = findChannelLogged(channel, log);
+    if (!ch) return;
     if (ch->available() == 0) return;
     if (out.getSize() == 0 && ch->readPos == 0) {
         out.swapWith(ch->data);  // everything is unread: hand the bytes over
@@ -557,12 +538,8 @@ void ClsSsh::getReceivedData(int channel, DataBuffer& out, LogBase& log) {
 
 void ClsSsh::getReceivedStderrText(int channel, const char* charset, XString& out, LogBase& log) {
     std::lock_guard<std::recursive_mutex> lock(m_ioMutex);
-    Channel* ch = findChannel(channel);
-    if (!ch) {
-        log.LogError("Unknown channel.");
-        log.LogDataLong("channel", channel);
-        return;
-    }
+    Channel* ch = findChannelLogged(channel, log);
+    if (!ch) return;
     if (ch->stderrBytes.getSize() == 0) return;
     XString text;
     LogNull quiet;  // undecodable text is still shown: the raw bytes below
@@ -590,12 +567,8 @@ bool ClsSsh::channelReceivedClose(int channel, LogBase& log) {
 
 bool ClsSsh::channelSendClose(int channel, SocketParams& sp, LogBase& log) {
     std::lock_guard<std::recursive_mutex> lock(m_ioMutex);
-    Channel* ch = findChannel(channel);
-    if (!ch) {
-        log.LogError("Unknown channel.");
-        log.LogDataLong("channel", channel);
-        return false;
-    }
+    Channel* ch = findChannelLogged(channel, log);
+    if (!ch) return false;
     (void)sp;
     if (ch->sentClose) return true;
     if (!m_transport->sendClose(channel, log)) {
@@ -610,12 +583,8 @@ bool ClsSsh::channelSendClose(int channel, SocketParams& sp, LogBase& log) {
 bool ClsSsh::channelReceiveUntilCondition(int channel, unsigned condition, SshReadParams& rp,
                                           SocketParams& sp, LogBase& log) {
     std::lock_guard<std::recursive_mutex> lock(m_ioMutex);
-    Channel* ch = findChannel(channel);
-    if (!ch) {
-        log.LogError("Unknown channel.");
-        log.LogDataLong("channel", channel);
-        return false;
-    }
+    Channel* ch = findChannelLogged(channel, log);
+    if (!ch) return false;
     if (condition != 1) {
         log.LogError("Unsupported receive condition.");
         log.LogDataLong("condition", static_cast<int32_t>(condition));

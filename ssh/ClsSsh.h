@@ -96,6 +96,8 @@ class ClsSsh : public ClsBase, public RefCountedObject {
   private:
     struct Channel;
     Channel* findChannel(int channel);
+    // The channel, or null with "Unknown channel." logged.
+    Channel* findChannelLogged(int channel, LogBase& log);
     // Reads once (up to cap bytes into buf, or into the channel's buffer when
     // buf is null) waiting at most the stall timeout, in slices that check
     // abort. Updates the EOF/CLOSE flags of the channel and of sp.
