@@ -1,13 +1,13 @@
-#include "base/Charset.h"
+#include <scpkit/base/Charset.h>
 
 #include <iconv.h>
 
 #include <cerrno>
 #include <cstring>
 
-#include "base/DataBuffer.h"
-#include "base/LogBase.h"
-#include "base/StringBuffer.h"
+#include <scpkit/base/DataBuffer.h>
+#include <scpkit/base/LogBase.h>
+#include <scpkit/base/StringBuffer.h>
 
 namespace scpkit {
 

@@ -1,10 +1,10 @@
-#include "base/ClsBase.h"
+#include <scpkit/base/ClsBase.h>
 
 #include <string>
 
-#include "base/Charset.h"
-#include "base/DataBuffer.h"
-#include "base/XString.h"
+#include <scpkit/base/Charset.h>
+#include <scpkit/base/DataBuffer.h>
+#include <scpkit/base/XString.h>
 
 namespace scpkit {
 

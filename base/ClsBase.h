@@ -2,9 +2,9 @@
 // progress settings, and the text conversions the components share.
 #pragma once
 
-#include "base/CritSec.h"
-#include "base/Logger.h"
-#include "base/StringBuffer.h"
+#include <scpkit/base/CritSec.h>
+#include <scpkit/base/Logger.h>
+#include <scpkit/base/StringBuffer.h>
 
 namespace scpkit {
 
@@ -12,7 +12,7 @@ class XString;
 class DataBuffer;
 
 class ClsBase {
-public:
+  public:
     ClsBase();
     ClsBase(const ClsBase&) = delete;
     ClsBase& operator=(const ClsBase&) = delete;
@@ -56,7 +56,7 @@ public:
     VostrelCritSec m_critSec;
     _vqLogger m_log;
 
-protected:
+  protected:
     StringBuffer m_uncommonOptions;
     int m_objectType = 0;
     unsigned m_pollIntervalMs = 0;
@@ -66,7 +66,7 @@ protected:
 // Releases a public-class object at scope exit.
 template <typename T>
 class _clsBaseHolder {
-public:
+  public:
     explicit _clsBaseHolder(T* obj = nullptr) : m_obj(obj) {}
     ~_clsBaseHolder() { delete m_obj; }
     _clsBaseHolder(const _clsBaseHolder&) = delete;
@@ -77,7 +77,7 @@ public:
     }
     T* get() const { return m_obj; }
 
-private:
+  private:
     T* m_obj;
 };
 

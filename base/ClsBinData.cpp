@@ -1,10 +1,10 @@
-#include "base/ClsBinData.h"
+#include <scpkit/base/ClsBinData.h>
 
 #include <cstdio>
 #include <new>
 
-#include "base/Encode.h"
-#include "base/XString.h"
+#include <scpkit/base/Encode.h>
+#include <scpkit/base/XString.h>
 
 namespace scpkit {
 

@@ -1,15 +1,15 @@
 // Public holder of binary data.
 #pragma once
 
-#include "base/ClsBase.h"
-#include "base/DataBuffer.h"
+#include <scpkit/base/ClsBase.h>
+#include <scpkit/base/DataBuffer.h>
 
 namespace scpkit {
 
 class XString;
 
 class ClsBinData : public ClsBase {
-public:
+  public:
     static ClsBinData* createNewCls();
     ClsBinData();
     ~ClsBinData() override = default;
@@ -25,7 +25,7 @@ public:
 
     DataBuffer& getDataBuffer() { return m_data; }
 
-private:
+  private:
     DataBuffer m_data;
 };
 

@@ -1,11 +1,11 @@
-#include "base/ClsJsonObject.h"
+#include <scpkit/base/ClsJsonObject.h>
 
 #include <new>
 #include <nlohmann/json.hpp>
 #include <string>
 
-#include "base/DataBuffer.h"
-#include "base/XString.h"
+#include <scpkit/base/DataBuffer.h>
+#include <scpkit/base/XString.h>
 
 namespace scpkit {
 

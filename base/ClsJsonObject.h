@@ -3,7 +3,7 @@
 
 #include <memory>
 
-#include "base/ClsBase.h"
+#include <scpkit/base/ClsBase.h>
 
 namespace scpkit {
 
@@ -11,7 +11,7 @@ class DataBuffer;
 class XString;
 
 class ClsJsonObject : public ClsBase {
-public:
+  public:
     static ClsJsonObject* createNewCls();
     ~ClsJsonObject() override;
 
@@ -26,7 +26,7 @@ public:
     // null as the empty string; objects and arrays as compact JSON.
     bool StringAt(int index, XString& value);
 
-private:
+  private:
     ClsJsonObject();
     struct Impl;
     std::unique_ptr<Impl> m_impl;

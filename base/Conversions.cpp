@@ -1,12 +1,12 @@
-#include "base/Conversions.h"
+#include <scpkit/base/Conversions.h>
 
 #include <fnmatch.h>
 
 #include <climits>
 #include <cstdint>
 
-#include "base/ExtPtrArray.h"
-#include "base/XString.h"
+#include <scpkit/base/ExtPtrArray.h>
+#include <scpkit/base/XString.h>
 
 namespace scpkit {
 

@@ -1,10 +1,10 @@
-#include "base/DataBuffer.h"
+#include <scpkit/base/DataBuffer.h>
 
 #include <cstring>
 #include <new>
 #include <stdexcept>
 
-#include "base/StringBuffer.h"
+#include <scpkit/base/StringBuffer.h>
 
 namespace scpkit {
 

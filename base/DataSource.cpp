@@ -1,4 +1,4 @@
-#include "base/DataSource.h"
+#include <scpkit/base/DataSource.h>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -8,9 +8,9 @@
 #include <cerrno>
 #include <cstring>
 
-#include "base/FileTime.h"
-#include "base/LogBase.h"
-#include "base/XString.h"
+#include <scpkit/base/FileTime.h>
+#include <scpkit/base/LogBase.h>
+#include <scpkit/base/XString.h>
 
 namespace scpkit {
 

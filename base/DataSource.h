@@ -4,7 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "base/DataBuffer.h"
+#include <scpkit/base/DataBuffer.h>
 
 namespace scpkit {
 
@@ -13,7 +13,7 @@ class VostrelFileTime;
 class XString;
 
 class _vqDataSource {
-public:
+  public:
     virtual ~_vqDataSource() = default;
 
     // Reads up to maxBytes into buf; numRead 0 means the end. False on error.
@@ -26,7 +26,7 @@ public:
 };
 
 class _vqFileDataSource : public _vqDataSource {
-public:
+  public:
     ~_vqFileDataSource() override;
 
     // Opens a regular file for reading (anything else is refused, with the
@@ -43,7 +43,7 @@ public:
     bool readSourceChunk(unsigned char* buf, size_t maxBytes, size_t& numRead,
                          LogBase& log) override;
 
-private:
+  private:
     int m_fd = -1;
 };
 
@@ -51,13 +51,13 @@ private:
 // copy and handed back to that buffer when the source is destroyed, so the
 // application's buffer holds its data again after the call.
 class _vqMemoryDataSource : public _vqDataSource {
-public:
+  public:
     ~_vqMemoryDataSource() override;
     void takeDataBuffer(DataBuffer& buffer);
     bool readSourceChunk(unsigned char* buf, size_t maxBytes, size_t& numRead,
                          LogBase& log) override;
 
-private:
+  private:
     DataBuffer m_data;
     DataBuffer* m_origin = nullptr;
     size_t m_pos = 0;

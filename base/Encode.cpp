@@ -1,11 +1,11 @@
-#include "base/Encode.h"
+#include <scpkit/base/Encode.h>
 
 #include <cstring>
 #include <string>
 
-#include "base/DataBuffer.h"
-#include "base/LogBase.h"
-#include "base/XString.h"
+#include <scpkit/base/DataBuffer.h>
+#include <scpkit/base/LogBase.h>
+#include <scpkit/base/XString.h>
 
 namespace scpkit {
 

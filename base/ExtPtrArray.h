@@ -4,14 +4,14 @@
 #include <memory>
 #include <vector>
 
-#include "base/StringBuffer.h"
-#include "base/VostrelObject.h"
+#include <scpkit/base/StringBuffer.h>
+#include <scpkit/base/VostrelObject.h>
 
 namespace scpkit {
 
 template <typename T>
 class OwningPtrArray {
-public:
+  public:
     OwningPtrArray() = default;
     OwningPtrArray(const OwningPtrArray&) = delete;
     OwningPtrArray& operator=(const OwningPtrArray&) = delete;
@@ -45,14 +45,14 @@ public:
         m_items.clear();
     }
 
-private:
+  private:
     std::vector<T*> m_items;
 };
 
 using ExtPtrArray = OwningPtrArray<VostrelObject>;
 
 class ExtPtrArraySb : public OwningPtrArray<StringBuffer> {
-public:
+  public:
     // Appends a copy of the text; false on failure.
     bool appendString(const char* text) {
         StringBuffer* sb = nullptr;

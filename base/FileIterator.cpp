@@ -1,4 +1,4 @@
-#include "base/FileIterator.h"
+#include <scpkit/base/FileIterator.h>
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -8,8 +8,8 @@
 #include <cstring>
 #include <new>
 
-#include "base/LogBase.h"
-#include "base/XString.h"
+#include <scpkit/base/LogBase.h>
+#include <scpkit/base/XString.h>
 
 namespace scpkit {
 

@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "base/VostrelObject.h"
+#include <scpkit/base/VostrelObject.h>
 
 namespace scpkit {
 
@@ -11,19 +11,19 @@ class XString;
 class LogBase;
 
 class _vqFindFile : public VostrelObject {
-public:
+  public:
     bool getFfFilename(XString& name, LogBase& log) const;
     // True for a real directory; a symbolic link is never a directory here,
     // so a walk does not follow links into other trees or round a cycle.
     bool isDirectory() const { return m_isDir; }
 
-protected:
+  protected:
     std::string m_name;
     bool m_isDir = false;
 };
 
 class _vqFileIterator : public _vqFindFile {
-public:
+  public:
     static _vqFileIterator* createNewObject();
     ~_vqFileIterator() override;
 
@@ -35,7 +35,7 @@ public:
 
     bool m_hasEntry = false;  // stands on an entry
 
-private:
+  private:
     _vqFileIterator() = default;
     bool readEntry();
 

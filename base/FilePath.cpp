@@ -1,8 +1,8 @@
-#include "base/FilePath.h"
+#include <scpkit/base/FilePath.h>
 
 #include <string>
 
-#include "base/XString.h"
+#include <scpkit/base/XString.h>
 
 namespace scpkit {
 

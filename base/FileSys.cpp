@@ -1,4 +1,4 @@
-#include "base/FileSys.h"
+#include <scpkit/base/FileSys.h>
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -7,9 +7,9 @@
 #include <cstring>
 #include <string>
 
-#include "base/FileTime.h"
-#include "base/LogBase.h"
-#include "base/XString.h"
+#include <scpkit/base/FileTime.h>
+#include <scpkit/base/LogBase.h>
+#include <scpkit/base/XString.h>
 
 namespace scpkit {
 

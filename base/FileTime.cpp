@@ -1,4 +1,4 @@
-#include "base/FileTime.h"
+#include <scpkit/base/FileTime.h>
 
 #include <ctime>
 

@@ -1,9 +1,9 @@
-#include "base/LogBase.h"
+#include <scpkit/base/LogBase.h>
 
 #include <string>
 
-#include "base/StringBuffer.h"
-#include "base/XString.h"
+#include <scpkit/base/StringBuffer.h>
+#include <scpkit/base/XString.h>
 
 namespace scpkit {
 

@@ -1,6 +1,6 @@
-#include "base/Logger.h"
+#include <scpkit/base/Logger.h>
 
-#include "base/ClsBase.h"
+#include <scpkit/base/ClsBase.h>
 
 namespace scpkit {
 

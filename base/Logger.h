@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "base/LogBase.h"
+#include <scpkit/base/LogBase.h>
 
 namespace scpkit {
 

@@ -1,4 +1,4 @@
-#include "base/Output.h"
+#include <scpkit/base/Output.h>
 
 #include <algorithm>
 
@@ -11,10 +11,10 @@
 #include <exception>
 #include <new>
 
-#include "base/DataBuffer.h"
-#include "base/FileTime.h"
-#include "base/LogBase.h"
-#include "base/Progress.h"
+#include <scpkit/base/DataBuffer.h>
+#include <scpkit/base/FileTime.h>
+#include <scpkit/base/LogBase.h>
+#include <scpkit/base/Progress.h>
 
 namespace scpkit {
 

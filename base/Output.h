@@ -3,7 +3,7 @@
 
 #include <cstddef>
 
-#include "base/VostrelObject.h"
+#include <scpkit/base/VostrelObject.h>
 
 namespace scpkit {
 
@@ -13,12 +13,11 @@ class ProgressMonitor;
 class VostrelFileTime;
 
 class _vqOutput : public VostrelObject {
-public:
+  public:
     // Writes all bytes; when m_reportsProgress is set and a monitor is
     // given, counts them into it. False on a write error or when the
     // monitor reports an abort.
-    bool writeBytes(const unsigned char* data, size_t numBytes, ProgressMonitor* pm,
-                    LogBase& log);
+    bool writeBytes(const unsigned char* data, size_t numBytes, ProgressMonitor* pm, LogBase& log);
     // Makes the sink clean before it is reused.
     virtual void resetOutput(LogBase& log) = 0;
     // Told before numBytes are written, so that a sink in memory can make
@@ -27,26 +26,26 @@ public:
 
     bool m_reportsProgress = false;
 
-protected:
+  protected:
     virtual bool writeImpl(const unsigned char* data, size_t numBytes, LogBase& log) = 0;
 };
 
 // Appends every write to a DataBuffer (reset clears it).
 class OutputDataBuffer : public _vqOutput {
-public:
+  public:
     explicit OutputDataBuffer(DataBuffer* buffer) : m_buffer(buffer) {}
     void resetOutput(LogBase& log) override;
     void expectBytes(long long numBytes) override;
 
-protected:
+  protected:
     bool writeImpl(const unsigned char* data, size_t numBytes, LogBase& log) override;
 
-private:
+  private:
     DataBuffer* m_buffer;
 };
 
 class OutputFile : public _vqOutput {
-public:
+  public:
     // Creates or truncates a local file for writing; null with the reason logged.
     static OutputFile* createFileUtf8(const char* path, LogBase& log);
     ~OutputFile() override;
@@ -58,17 +57,17 @@ public:
     void closeHandle();
     void resetOutput(LogBase& log) override;  // truncates to 0 bytes
 
-protected:
+  protected:
     bool writeImpl(const unsigned char* data, size_t numBytes, LogBase& log) override;
 
-private:
+  private:
     explicit OutputFile(int fd) : m_fd(fd) {}
     int m_fd;
 };
 
 // Deletes the output at scope exit.
 class OutputOwner {
-public:
+  public:
     explicit OutputOwner(_vqOutput* out = nullptr) : m_out(out) {}
     ~OutputOwner() { delete m_out; }
     OutputOwner(const OutputOwner&) = delete;
@@ -78,7 +77,7 @@ public:
         m_out = out;
     }
 
-private:
+  private:
     _vqOutput* m_out;
 };
 

@@ -1,12 +1,12 @@
 // Scope holders that delete heap objects on every exit.
 #pragma once
 
-#include "base/VostrelObject.h"
+#include <scpkit/base/VostrelObject.h>
 
 namespace scpkit {
 
 class ObjectOwner {
-public:
+  public:
     explicit ObjectOwner(VostrelObject* obj = nullptr) : m_obj(obj) {}
     ~ObjectOwner() { VostrelObject::deleteObject(m_obj); }
     ObjectOwner(const ObjectOwner&) = delete;
@@ -17,7 +17,7 @@ public:
     }
     VostrelObject* get() const { return m_obj; }
 
-private:
+  private:
     VostrelObject* m_obj;
 };
 

@@ -1,8 +1,8 @@
-#include "base/Progress.h"
+#include <scpkit/base/Progress.h>
 
 #include <climits>
 
-#include "base/LogBase.h"
+#include <scpkit/base/LogBase.h>
 
 namespace scpkit {
 

@@ -1,11 +1,11 @@
-#include "base/StringBuffer.h"
+#include <scpkit/base/StringBuffer.h>
 
 #include <cstring>
 #include <limits>
 #include <new>
 #include <stdexcept>
 
-#include "base/ExtPtrArray.h"
+#include <scpkit/base/ExtPtrArray.h>
 
 namespace scpkit {
 

@@ -1,4 +1,4 @@
-#include "base/StringHashMap.h"
+#include <scpkit/base/StringHashMap.h>
 
 #include <new>
 

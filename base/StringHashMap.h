@@ -5,12 +5,12 @@
 #include <string>
 #include <unordered_map>
 
-#include "base/VostrelObject.h"
+#include <scpkit/base/VostrelObject.h>
 
 namespace scpkit {
 
 class StringHashMap : public VostrelObject {
-public:
+  public:
     // A new, empty map sized for about `numBuckets` keys; null on failure.
     static StringHashMap* createNewObject(int numBuckets);
 
@@ -21,7 +21,7 @@ public:
     NonRefCountedObj* hashLookup(const char* key) const;
     int getCount() const { return static_cast<int>(m_map.size()); }
 
-private:
+  private:
     StringHashMap() = default;
     std::unordered_map<std::string, std::unique_ptr<NonRefCountedObj>> m_map;
 };

@@ -1,4 +1,4 @@
-#include "base/VostrelObject.h"
+#include <scpkit/base/VostrelObject.h>
 
 // The object families are header-only; this unit anchors the library so it
 // always has a source to build.

@@ -1,4 +1,4 @@
-#include "base/XString.h"
+#include <scpkit/base/XString.h>
 
 #include <cstring>
 #include <string>

@@ -1,12 +1,12 @@
 // Unicode text, held as UTF-8. Character counts are code points.
 #pragma once
 
-#include "base/StringBuffer.h"
+#include <scpkit/base/StringBuffer.h>
 
 namespace scpkit {
 
 class XString {
-public:
+  public:
     XString() = default;
     explicit XString(const char* utf8) { m_sb.setString(utf8); }
 
@@ -35,10 +35,9 @@ public:
     bool beginsWithUtf8(const char* prefix, bool caseInsensitive) const;
     bool containsSubstringUtf8(const char* text) const { return m_sb.containsSubstring(text); }
     // Replaces the first occurrence of `find`; false when there is none.
-    bool replaceFirstOccuranceUtf8(const char* find, const char* replacement,
-                                   bool caseInsensitive);
+    bool replaceFirstOccuranceUtf8(const char* find, const char* replacement, bool caseInsensitive);
 
-private:
+  private:
     StringBuffer m_sb;
 };
 

@@ -23,13 +23,13 @@
 #include <string>
 #include <vector>
 
-#include "base/DataSource.h"
-#include "base/LogBase.h"
-#include "base/Logger.h"
-#include "base/Output.h"
-#include "base/Progress.h"
-#include "base/XString.h"
-#include "ssh/ClsSsh.h"
+#include <scpkit/base/DataSource.h>
+#include <scpkit/base/LogBase.h>
+#include <scpkit/base/Logger.h>
+#include <scpkit/base/Output.h>
+#include <scpkit/base/Progress.h>
+#include <scpkit/base/XString.h>
+#include <scpkit/ssh/ClsSsh.h>
 #include "tests/support/SshdFixture.h"
 
 using namespace scpkit;

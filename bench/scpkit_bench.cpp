@@ -24,13 +24,13 @@
 #include <string>
 #include <vector>
 
-#include "base/DataBuffer.h"
-#include "base/LogBase.h"
-#include "base/Progress.h"
-#include "base/XString.h"
-#include "scp/ClsScp.h"
-#include "ssh/ClsSsh.h"
-#include "ssh/SshReadParams.h"
+#include <scpkit/base/DataBuffer.h>
+#include <scpkit/base/LogBase.h>
+#include <scpkit/base/Progress.h>
+#include <scpkit/base/XString.h>
+#include <scpkit/scp/ClsScp.h>
+#include <scpkit/ssh/ClsSsh.h>
+#include <scpkit/ssh/SshReadParams.h>
 
 namespace scpkit {
 namespace {

@@ -1,7 +1,7 @@
 #include "cli/CallLog.h"
 
-#include "base/ClsBase.h"
-#include "base/XString.h"
+#include <scpkit/base/ClsBase.h>
+#include <scpkit/base/XString.h>
 
 namespace scpkit::cli {
 

@@ -6,8 +6,10 @@
 #include <cstdio>
 #include <cstring>
 
-#include "base/DataBuffer.h"
-#include "base/XString.h"
+#include <scpkit/base/DataBuffer.h>
+#include <scpkit/base/XString.h>
+#include <scpkit/scp/ClsScp.h>
+#include <scpkit/ssh/ClsSsh.h>
 #include "cli/CallLog.h"
 #include "cli/Connection.h"
 #include "cli/ExitStatus.h"
@@ -16,8 +18,6 @@
 #include "cli/ProgressBar.h"
 #include "cli/RemoteDirectory.h"
 #include "cli/SafeText.h"
-#include "scp/ClsScp.h"
-#include "ssh/ClsSsh.h"
 
 namespace scpkit::cli {
 

@@ -4,13 +4,13 @@
 #include <unistd.h>
 #include <cstdlib>
 
-#include "base/XString.h"
+#include <scpkit/base/XString.h>
+#include <scpkit/ssh/ClsSsh.h>
 #include "cli/CallLog.h"
 #include "cli/ExitStatus.h"
 #include "cli/LogSummary.h"
 #include "cli/PasswordPrompt.h"
 #include "cli/SafeText.h"
-#include "ssh/ClsSsh.h"
 
 namespace scpkit::cli {
 

@@ -8,7 +8,7 @@
 #include <functional>
 #include <string>
 
-#include "base/Progress.h"
+#include <scpkit/base/Progress.h>
 #include "cli/ProgressMeter.h"
 
 namespace scpkit::cli {

@@ -1,10 +1,10 @@
 #include "cli/RemoteDirectory.h"
 
-#include "base/Logger.h"
-#include "base/Progress.h"
-#include "base/XString.h"
-#include "ssh/ClsSsh.h"
-#include "ssh/SshReadParams.h"
+#include <scpkit/base/Logger.h>
+#include <scpkit/base/Progress.h>
+#include <scpkit/base/XString.h>
+#include <scpkit/ssh/ClsSsh.h>
+#include <scpkit/ssh/SshReadParams.h>
 
 namespace scpkit::cli {
 

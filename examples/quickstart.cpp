@@ -2,7 +2,7 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "scpkit/scpkit.h"
+#include <scpkit/scpkit.h>
 
 using namespace scpkit;
 

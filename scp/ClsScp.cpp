@@ -1,13 +1,13 @@
 // The SCP component object: construction, the bound SSH object and the
 // property accessors. Transfers live in their own sources.
-#include "scp/ClsScp.h"
+#include <scpkit/scp/ClsScp.h>
 
 #include <new>
 
-#include "base/Conversions.h"
-#include "base/CritSec.h"
-#include "base/Logger.h"
-#include "ssh/ClsSsh.h"
+#include <scpkit/base/Conversions.h>
+#include <scpkit/base/CritSec.h>
+#include <scpkit/base/Logger.h>
+#include <scpkit/ssh/ClsSsh.h>
 
 namespace scpkit {
 

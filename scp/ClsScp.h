@@ -5,9 +5,9 @@
 
 #include <cstdint>
 
-#include "base/ClsBase.h"
-#include "base/StringBuffer.h"
-#include "base/XString.h"
+#include <scpkit/base/ClsBase.h>
+#include <scpkit/base/StringBuffer.h>
+#include <scpkit/base/XString.h>
 
 namespace scpkit {
 

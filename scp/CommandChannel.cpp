@@ -2,15 +2,15 @@
 // closings that the transfers share.
 #include <cstring>
 
-#include "base/ClsJsonObject.h"
-#include "base/DataBuffer.h"
-#include "base/FilePath.h"
-#include "base/Logger.h"
-#include "base/Progress.h"
-#include "scp/ClsScp.h"
-#include "scp/ScpCommand.h"
-#include "ssh/ClsSsh.h"
-#include "ssh/SshReadParams.h"
+#include <scpkit/base/ClsJsonObject.h>
+#include <scpkit/base/DataBuffer.h>
+#include <scpkit/base/FilePath.h>
+#include <scpkit/base/Logger.h>
+#include <scpkit/base/Progress.h>
+#include <scpkit/scp/ClsScp.h>
+#include <scpkit/scp/ScpCommand.h>
+#include <scpkit/ssh/ClsSsh.h>
+#include <scpkit/ssh/SshReadParams.h>
 
 namespace scpkit {
 

@@ -9,18 +9,18 @@
 // first waits for the acknowledgement of the previous one.
 #include <cstdint>
 
-#include "base/DataBuffer.h"
-#include "base/DataSource.h"
-#include "base/ExtPtrArray.h"
-#include "base/FileIterator.h"
-#include "base/FilePath.h"
-#include "base/FileSys.h"
-#include "base/Logger.h"
-#include "base/Output.h"
-#include "base/Progress.h"
-#include "base/XString.h"
-#include "scp/ClsScp.h"
-#include "scp/ScpFileInfo.h"
+#include <scpkit/base/DataBuffer.h>
+#include <scpkit/base/DataSource.h>
+#include <scpkit/base/ExtPtrArray.h>
+#include <scpkit/base/FileIterator.h>
+#include <scpkit/base/FilePath.h>
+#include <scpkit/base/FileSys.h>
+#include <scpkit/base/Logger.h>
+#include <scpkit/base/Output.h>
+#include <scpkit/base/Progress.h>
+#include <scpkit/base/XString.h>
+#include <scpkit/scp/ClsScp.h>
+#include <scpkit/scp/ScpFileInfo.h>
 
 namespace scpkit {
 

@@ -1,16 +1,16 @@
 // Downloads into memory: one remote file as bytes, a ClsBinData, text in a
 // charset or encoded text.
-#include "base/ClsBinData.h"
-#include "base/CritSec.h"
-#include "base/DataBuffer.h"
-#include "base/Encode.h"
-#include "base/Logger.h"
-#include "base/Output.h"
-#include "base/Progress.h"
-#include "scp/ClsScp.h"
-#include "scp/ScpCommand.h"
-#include "scp/ScpFileInfo.h"
-#include "ssh/ClsSsh.h"
+#include <scpkit/base/ClsBinData.h>
+#include <scpkit/base/CritSec.h>
+#include <scpkit/base/DataBuffer.h>
+#include <scpkit/base/Encode.h>
+#include <scpkit/base/Logger.h>
+#include <scpkit/base/Output.h>
+#include <scpkit/base/Progress.h>
+#include <scpkit/scp/ClsScp.h>
+#include <scpkit/scp/ScpCommand.h>
+#include <scpkit/scp/ScpFileInfo.h>
+#include <scpkit/ssh/ClsSsh.h>
 
 namespace scpkit {
 

@@ -1,18 +1,18 @@
 // Uploads of in-memory data: text in a charset, bytes, encoded bytes and a
 // ClsBinData, each sent as one remote file.
-#include "base/ClsBinData.h"
-#include "base/CritSec.h"
-#include "base/DataBuffer.h"
-#include "base/DataSource.h"
-#include "base/Encode.h"
-#include "base/FileTime.h"
-#include "base/Logger.h"
-#include "base/Output.h"
-#include "base/Progress.h"
-#include "scp/ClsScp.h"
-#include "scp/ScpCommand.h"
-#include "scp/ScpFileInfo.h"
-#include "ssh/ClsSsh.h"
+#include <scpkit/base/ClsBinData.h>
+#include <scpkit/base/CritSec.h>
+#include <scpkit/base/DataBuffer.h>
+#include <scpkit/base/DataSource.h>
+#include <scpkit/base/Encode.h>
+#include <scpkit/base/FileTime.h>
+#include <scpkit/base/Logger.h>
+#include <scpkit/base/Output.h>
+#include <scpkit/base/Progress.h>
+#include <scpkit/scp/ClsScp.h>
+#include <scpkit/scp/ScpCommand.h>
+#include <scpkit/scp/ScpFileInfo.h>
+#include <scpkit/ssh/ClsSsh.h>
 
 namespace scpkit {
 

@@ -1,10 +1,10 @@
 // Runs the upload pass of the local walk on a fresh channel whose remote
 // scp is a recursive sink ("scp -rpt") on the remote root.
-#include "base/Logger.h"
-#include "base/XString.h"
-#include "scp/ClsScp.h"
-#include "scp/ScpCommand.h"
-#include "ssh/ClsSsh.h"
+#include <scpkit/base/Logger.h>
+#include <scpkit/base/XString.h>
+#include <scpkit/scp/ClsScp.h>
+#include <scpkit/scp/ScpCommand.h>
+#include <scpkit/ssh/ClsSsh.h>
 
 namespace scpkit {
 

@@ -1,6 +1,6 @@
-#include "scp/RemoteNameCheck.h"
+#include <scpkit/scp/RemoteNameCheck.h>
 
-#include "base/StringBuffer.h"
+#include <scpkit/base/StringBuffer.h>
 
 namespace scpkit {
 

@@ -11,18 +11,18 @@
 #include <cstdint>
 #include <limits>
 
-#include "base/DataBuffer.h"
-#include "base/ExtPtrArray.h"
-#include "base/FileSys.h"
-#include "base/Logger.h"
-#include "base/Progress.h"
-#include "base/StringHashMap.h"
-#include "base/XString.h"
-#include "scp/ClsScp.h"
-#include "scp/RemoteNameCheck.h"
-#include "scp/ScpCommand.h"
-#include "scp/ScpFileInfo.h"
-#include "ssh/ClsSsh.h"
+#include <scpkit/base/DataBuffer.h>
+#include <scpkit/base/ExtPtrArray.h>
+#include <scpkit/base/FileSys.h>
+#include <scpkit/base/Logger.h>
+#include <scpkit/base/Progress.h>
+#include <scpkit/base/StringHashMap.h>
+#include <scpkit/base/XString.h>
+#include <scpkit/scp/ClsScp.h>
+#include <scpkit/scp/RemoteNameCheck.h>
+#include <scpkit/scp/ScpCommand.h>
+#include <scpkit/scp/ScpFileInfo.h>
+#include <scpkit/ssh/ClsSsh.h>
 
 namespace scpkit {
 

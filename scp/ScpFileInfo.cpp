@@ -1,8 +1,8 @@
 // The file record: copies and the path relative to a tree's root.
-#include "scp/ScpFileInfo.h"
+#include <scpkit/scp/ScpFileInfo.h>
 
-#include "base/ExtPtrArray.h"
-#include "base/Logger.h"
+#include <scpkit/base/ExtPtrArray.h>
+#include <scpkit/base/Logger.h>
 
 namespace scpkit {
 

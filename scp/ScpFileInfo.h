@@ -3,9 +3,9 @@
 
 #include <cstdint>
 
-#include "base/FileTime.h"
-#include "base/StringBuffer.h"
-#include "base/VostrelObject.h"
+#include <scpkit/base/FileTime.h>
+#include <scpkit/base/StringBuffer.h>
+#include <scpkit/base/VostrelObject.h>
 
 namespace scpkit {
 
@@ -13,7 +13,7 @@ class ExtPtrArraySb;
 class LogBase;
 
 class ScpFileInfo : public NonRefCountedObj {
-public:
+  public:
     ScpFileInfo() = default;
     ~ScpFileInfo() override = default;
 

@@ -4,16 +4,16 @@
 #include <cstring>
 #include <string>
 
-#include "base/Conversions.h"
-#include "base/DataBuffer.h"
-#include "base/FileSys.h"
-#include "base/FileTime.h"
-#include "base/Logger.h"
-#include "base/Output.h"
-#include "base/Progress.h"
-#include "scp/ClsScp.h"
-#include "scp/ScpFileInfo.h"
-#include "ssh/ClsSsh.h"
+#include <scpkit/base/Conversions.h>
+#include <scpkit/base/DataBuffer.h>
+#include <scpkit/base/FileSys.h>
+#include <scpkit/base/FileTime.h>
+#include <scpkit/base/Logger.h>
+#include <scpkit/base/Output.h>
+#include <scpkit/base/Progress.h>
+#include <scpkit/scp/ClsScp.h>
+#include <scpkit/scp/ScpFileInfo.h>
+#include <scpkit/ssh/ClsSsh.h>
 
 namespace scpkit {
 

@@ -1,11 +1,11 @@
 // Reading what the remote scp answers: one control line, or one
 // acknowledgement byte judged by the protocol's rules.
-#include "base/DataBuffer.h"
-#include "base/Logger.h"
-#include "base/Output.h"
-#include "base/Progress.h"
-#include "scp/ClsScp.h"
-#include "ssh/ClsSsh.h"
+#include <scpkit/base/DataBuffer.h>
+#include <scpkit/base/Logger.h>
+#include <scpkit/base/Output.h>
+#include <scpkit/base/Progress.h>
+#include <scpkit/scp/ClsScp.h>
+#include <scpkit/ssh/ClsSsh.h>
 
 namespace scpkit {
 

@@ -1,14 +1,14 @@
 // The sending side of the protocol: the records of a local file and the
 // lock-step exchange that hands one file to a remote "scp -t".
-#include "base/Conversions.h"
-#include "base/DataBuffer.h"
-#include "base/DataSource.h"
-#include "base/FileTime.h"
-#include "base/Logger.h"
-#include "base/Output.h"
-#include "scp/ClsScp.h"
-#include "scp/ScpFileInfo.h"
-#include "ssh/ClsSsh.h"
+#include <scpkit/base/Conversions.h>
+#include <scpkit/base/DataBuffer.h>
+#include <scpkit/base/DataSource.h>
+#include <scpkit/base/FileTime.h>
+#include <scpkit/base/Logger.h>
+#include <scpkit/base/Output.h>
+#include <scpkit/scp/ClsScp.h>
+#include <scpkit/scp/ScpFileInfo.h>
+#include <scpkit/ssh/ClsSsh.h>
 
 namespace scpkit {
 

@@ -4,16 +4,16 @@
 //
 // The mode numbering differs between the two directions and is part of the
 // public interface: download mode 4 deliberately behaves like mode 3.
-#include "base/Conversions.h"
-#include "base/ExtPtrArray.h"
-#include "base/FilePath.h"
-#include "base/FileSys.h"
-#include "base/FileTime.h"
-#include "base/Logger.h"
-#include "base/StringHashMap.h"
-#include "base/XString.h"
-#include "scp/ClsScp.h"
-#include "scp/ScpFileInfo.h"
+#include <scpkit/base/Conversions.h>
+#include <scpkit/base/ExtPtrArray.h>
+#include <scpkit/base/FilePath.h>
+#include <scpkit/base/FileSys.h>
+#include <scpkit/base/FileTime.h>
+#include <scpkit/base/Logger.h>
+#include <scpkit/base/StringHashMap.h>
+#include <scpkit/base/XString.h>
+#include <scpkit/scp/ClsScp.h>
+#include <scpkit/scp/ScpFileInfo.h>
 
 namespace scpkit {
 

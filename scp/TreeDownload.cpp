@@ -1,9 +1,9 @@
 // Brings a local directory tree up to date from a remote one.
-#include "base/CritSec.h"
-#include "base/Logger.h"
-#include "base/Progress.h"
-#include "base/XString.h"
-#include "scp/ClsScp.h"
+#include <scpkit/base/CritSec.h>
+#include <scpkit/base/Logger.h>
+#include <scpkit/base/Progress.h>
+#include <scpkit/base/XString.h>
+#include <scpkit/scp/ClsScp.h>
 
 namespace scpkit {
 

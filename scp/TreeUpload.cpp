@@ -1,11 +1,11 @@
 // Synchronises a local directory tree onto a remote directory.
-#include "base/CritSec.h"
-#include "base/Logger.h"
-#include "base/Owners.h"
-#include "base/Progress.h"
-#include "base/StringHashMap.h"
-#include "base/XString.h"
-#include "scp/ClsScp.h"
+#include <scpkit/base/CritSec.h>
+#include <scpkit/base/Logger.h>
+#include <scpkit/base/Owners.h>
+#include <scpkit/base/Progress.h>
+#include <scpkit/base/StringHashMap.h>
+#include <scpkit/base/XString.h>
+#include <scpkit/scp/ClsScp.h>
 
 namespace scpkit {
 

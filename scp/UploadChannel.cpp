@@ -1,13 +1,13 @@
 // The channel exchange of a one-file upload: open, environment, "scp -t",
 // the file, the final acknowledgement, CLOSE both ways.
-#include "base/DataBuffer.h"
-#include "base/Logger.h"
-#include "base/Output.h"
-#include "base/Progress.h"
-#include "scp/ClsScp.h"
-#include "scp/ScpCommand.h"
-#include "scp/ScpFileInfo.h"
-#include "ssh/ClsSsh.h"
+#include <scpkit/base/DataBuffer.h>
+#include <scpkit/base/Logger.h>
+#include <scpkit/base/Output.h>
+#include <scpkit/base/Progress.h>
+#include <scpkit/scp/ClsScp.h>
+#include <scpkit/scp/ScpCommand.h>
+#include <scpkit/scp/ScpFileInfo.h>
+#include <scpkit/ssh/ClsSsh.h>
 
 namespace scpkit {
 

@@ -1,7 +1,7 @@
 // ClsSsh: the object itself and every channel operation that file transfers
 // drive, written once over SshTransport. Connecting, logging in and the
 // connection properties live in ClsSshConnect.cpp.
-#include "ssh/ClsSsh.h"
+#include <scpkit/ssh/ClsSsh.h>
 
 #include <algorithm>
 #include <chrono>
@@ -9,11 +9,11 @@
 #include <new>
 #include <thread>
 
-#include "base/DataSource.h"
-#include "base/LogBase.h"
-#include "base/Output.h"
-#include "base/Progress.h"
-#include "ssh/SshTransport.h"
+#include <scpkit/base/DataSource.h>
+#include <scpkit/base/LogBase.h>
+#include <scpkit/base/Output.h>
+#include <scpkit/base/Progress.h>
+#include <scpkit/ssh/SshTransport.h>
 
 namespace scpkit {
 
@@ -80,6 +80,7 @@ struct ClsSsh::Channel {
     bool receivedEof = false;
     bool receivedClose = false;
     bool sentClose = false;
+    bool finished = false;  // its transfer has ended
     Clock::time_point lastUse = Clock::now();
     std::thread::id lastUser = std::this_thread::get_id();
 
@@ -182,7 +183,8 @@ unsigned char* ClsSsh::scratch() {
 }
 
 bool ClsSsh::isDoneWith(const Channel& ch) const {
-    return ch.lastUser == std::this_thread::get_id() || msSince(ch.lastUse) >= kReclaimIdleMs;
+    return ch.finished || ch.lastUser == std::this_thread::get_id() ||
+           msSince(ch.lastUse) >= kReclaimIdleMs;
 }
 
 void ClsSsh::releaseFinishedChannels() {
@@ -536,6 +538,22 @@ void ClsSsh::getReceivedData(int channel, DataBuffer& out, LogBase& log) {
     ch->consume(ch->available());
 }
 
+bool ClsSsh::getReceivedDataThrough(int channel, char delimiter, DataBuffer& out, LogBase& log) {
+    std::lock_guard<std::recursive_mutex> lock(m_ioMutex);
+    Channel* ch = findChannelLogged(channel, log);
+    if (!ch || ch->available() == 0) return false;
+    const void* found =
+        std::memchr(ch->pending(), static_cast<unsigned char>(delimiter), ch->available());
+    if (!found) return false;
+    size_t n = static_cast<size_t>(static_cast<const unsigned char*>(found) - ch->pending()) + 1;
+    if (!out.append(ch->pending(), n)) {
+        log.LogError("Out of memory.");
+        return false;
+    }
+    ch->consume(n);
+    return true;
+}
+
 void ClsSsh::getReceivedStderrText(int channel, const char* charset, XString& out, LogBase& log) {
     std::lock_guard<std::recursive_mutex> lock(m_ioMutex);
     Channel* ch = findChannelLogged(channel, log);
@@ -623,6 +641,12 @@ bool ClsSsh::channelReceiveUntilCondition(int channel, unsigned condition, SshRe
         }
         if (moved) lastMove = Clock::now();
     }
+}
+
+void ClsSsh::channelFinished(int channel) {
+    std::lock_guard<std::recursive_mutex> lock(m_ioMutex);
+    auto it = m_channels.find(channel);
+    if (it != m_channels.end()) it->second->finished = true;
 }
 
 }  // namespace scpkit

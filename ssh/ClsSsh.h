@@ -8,11 +8,11 @@
 #include <mutex>
 #include <vector>
 
-#include "base/ClsBase.h"
-#include "base/DataBuffer.h"
-#include "base/VostrelObject.h"
-#include "base/XString.h"
-#include "ssh/SshReadParams.h"
+#include <scpkit/base/ClsBase.h>
+#include <scpkit/base/DataBuffer.h>
+#include <scpkit/base/VostrelObject.h>
+#include <scpkit/base/XString.h>
+#include <scpkit/ssh/SshReadParams.h>
 
 namespace scpkit {
 
@@ -82,6 +82,10 @@ class ClsSsh : public ClsBase, public RefCountedObject {
     int channelRead(int channel, SocketParams& sp, LogBase& log);
     bool receivedDataContainsChar(int channel, char c);
     void getReceivedData(int channel, DataBuffer& out, LogBase& log);
+    // Moves the received bytes up to and including the first `delimiter`
+    // into out (appending) and leaves what follows buffered. False, moving
+    // nothing, when no delimiter has been received.
+    bool getReceivedDataThrough(int channel, char delimiter, DataBuffer& out, LogBase& log);
     void getReceivedStderrText(int channel, const char* charset, XString& out, LogBase& log);
     bool channelReceivedEof(int channel, LogBase& log);
     bool channelReceivedClose(int channel, LogBase& log);
@@ -89,6 +93,10 @@ class ClsSsh : public ClsBase, public RefCountedObject {
     // Condition 1: until the channel's CLOSE has been received.
     bool channelReceiveUntilCondition(int channel, unsigned condition, SshReadParams& rp,
                                       SocketParams& sp, LogBase& log);
+    // The transfer that opened the channel has ended (whatever its outcome):
+    // the channel may now be closed and reclaimed. Channels not yet marked
+    // belong to a running transfer.
+    void channelFinished(int channel);
 
     // Size of the chunks moved by the bulk operations.
     static constexpr size_t kChunkSize = 256 * 1024;

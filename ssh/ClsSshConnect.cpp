@@ -7,11 +7,11 @@
 #include <cstring>
 #include <string>
 
-#include "base/CritSec.h"
-#include "base/LogBase.h"
-#include "base/Logger.h"
-#include "ssh/ClsSsh.h"
-#include "ssh/LibsshTransport.h"
+#include <scpkit/base/CritSec.h>
+#include <scpkit/base/LogBase.h>
+#include <scpkit/base/Logger.h>
+#include <scpkit/ssh/ClsSsh.h>
+#include <scpkit/ssh/LibsshTransport.h>
 
 namespace scpkit {
 

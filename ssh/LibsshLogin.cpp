@@ -7,8 +7,8 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "base/LogBase.h"
-#include "ssh/LibsshTransport.h"
+#include <scpkit/base/LogBase.h>
+#include <scpkit/ssh/LibsshTransport.h>
 
 namespace scpkit {
 

@@ -1,6 +1,6 @@
 // LibsshTransport: the session's connection and the channel I/O that every
 // transfer runs through (the hot path: no copies beyond libssh's own).
-#include "ssh/LibsshTransport.h"
+#include <scpkit/ssh/LibsshTransport.h>
 
 #include <libssh/callbacks.h>
 #include <libssh/libssh.h>
@@ -14,8 +14,8 @@
 #include <cstring>
 #include <vector>
 
-#include "base/DataBuffer.h"
-#include "base/LogBase.h"
+#include <scpkit/base/DataBuffer.h>
+#include <scpkit/base/LogBase.h>
 
 namespace scpkit {
 

@@ -8,7 +8,7 @@
 #include <memory>
 #include <string>
 
-#include "ssh/SshTransport.h"
+#include <scpkit/ssh/SshTransport.h>
 
 struct ssh_session_struct;
 struct ssh_channel_struct;

@@ -1,9 +1,9 @@
 // scpkit: everything an application needs in one include.
 #pragma once
 
-#include "base/ClsBinData.h"
-#include "base/DataBuffer.h"
-#include "base/Progress.h"
-#include "base/XString.h"
-#include "scp/ClsScp.h"
-#include "ssh/ClsSsh.h"
+#include <scpkit/base/ClsBinData.h>
+#include <scpkit/base/DataBuffer.h>
+#include <scpkit/base/Progress.h>
+#include <scpkit/base/XString.h>
+#include <scpkit/scp/ClsScp.h>
+#include <scpkit/ssh/ClsSsh.h>

@@ -9,8 +9,8 @@
 #include <system_error>
 #include <vector>
 
-#include "scp/ClsScp.h"
-#include "ssh/ClsSsh.h"
+#include <scpkit/scp/ClsScp.h>
+#include <scpkit/ssh/ClsSsh.h>
 #include "tests/fuzz/FuzzCheck.h"
 #include "tests/support/ScriptedTransport.h"
 

@@ -5,10 +5,10 @@
 #include <cstdint>
 #include <string>
 
-#include "base/DataBuffer.h"
-#include "base/Encode.h"
-#include "base/LogBase.h"
-#include "base/XString.h"
+#include <scpkit/base/DataBuffer.h>
+#include <scpkit/base/Encode.h>
+#include <scpkit/base/LogBase.h>
+#include <scpkit/base/XString.h>
 #include "tests/fuzz/FuzzCheck.h"
 
 using namespace scpkit;

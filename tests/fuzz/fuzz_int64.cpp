@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <string>
 
-#include "base/StringBuffer.h"
+#include <scpkit/base/StringBuffer.h>
 #include "tests/fuzz/FuzzCheck.h"
 
 using namespace scpkit;

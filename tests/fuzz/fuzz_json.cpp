@@ -3,10 +3,10 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "base/ClsJsonObject.h"
-#include "base/DataBuffer.h"
-#include "base/LogBase.h"
-#include "base/XString.h"
+#include <scpkit/base/ClsJsonObject.h>
+#include <scpkit/base/DataBuffer.h>
+#include <scpkit/base/LogBase.h>
+#include <scpkit/base/XString.h>
 #include "tests/fuzz/FuzzCheck.h"
 
 using namespace scpkit;

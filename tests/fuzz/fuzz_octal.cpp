@@ -6,7 +6,7 @@
 #include <cstring>
 #include <string>
 
-#include "base/Conversions.h"
+#include <scpkit/base/Conversions.h>
 #include "tests/fuzz/FuzzCheck.h"
 
 using namespace scpkit;

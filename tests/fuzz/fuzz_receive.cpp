@@ -9,12 +9,12 @@
 #include <cstdint>
 #include <string>
 
-#include "base/DataBuffer.h"
-#include "base/Logger.h"
-#include "base/Output.h"
-#include "base/Progress.h"
-#include "base/XString.h"
-#include "scp/ScpFileInfo.h"
+#include <scpkit/base/DataBuffer.h>
+#include <scpkit/base/Logger.h>
+#include <scpkit/base/Output.h>
+#include <scpkit/base/Progress.h>
+#include <scpkit/base/XString.h>
+#include <scpkit/scp/ScpFileInfo.h>
 #include "tests/fuzz/FuzzRig.h"
 #include "tests/support/ClsScpTestAccess.h"
 

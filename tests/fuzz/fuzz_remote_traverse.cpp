@@ -11,10 +11,10 @@
 #include <string>
 #include <vector>
 
-#include "base/Logger.h"
-#include "base/Progress.h"
-#include "base/StringHashMap.h"
-#include "base/XString.h"
+#include <scpkit/base/Logger.h>
+#include <scpkit/base/Progress.h>
+#include <scpkit/base/StringHashMap.h>
+#include <scpkit/base/XString.h>
 #include "tests/fuzz/FuzzRig.h"
 #include "tests/support/ClsScpTestAccess.h"
 

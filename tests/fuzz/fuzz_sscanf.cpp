@@ -7,7 +7,7 @@
 #include <cstdio>
 #include <string>
 
-#include "base/Conversions.h"
+#include <scpkit/base/Conversions.h>
 #include "tests/fuzz/FuzzCheck.h"
 
 using namespace scpkit;

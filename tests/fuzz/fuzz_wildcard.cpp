@@ -4,10 +4,10 @@
 #include <cstdint>
 #include <string>
 
-#include "base/Conversions.h"
-#include "base/ExtPtrArray.h"
-#include "base/StringBuffer.h"
-#include "base/XString.h"
+#include <scpkit/base/Conversions.h>
+#include <scpkit/base/ExtPtrArray.h>
+#include <scpkit/base/StringBuffer.h>
+#include <scpkit/base/XString.h>
 #include "tests/fuzz/FuzzCheck.h"
 
 using namespace scpkit;

@@ -11,11 +11,11 @@
 #include <filesystem>
 #include <string>
 
-#include "base/ClsBinData.h"
-#include "base/DataBuffer.h"
-#include "base/Progress.h"
-#include "scp/ClsScp.h"
-#include "ssh/ClsSsh.h"
+#include <scpkit/base/ClsBinData.h>
+#include <scpkit/base/DataBuffer.h>
+#include <scpkit/base/Progress.h>
+#include <scpkit/scp/ClsScp.h>
+#include <scpkit/ssh/ClsSsh.h>
 #include "tests/support/ScpTestHelpers.h"
 #include "tests/support/SshdFixture.h"
 

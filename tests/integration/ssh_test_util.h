@@ -4,10 +4,10 @@
 
 #include <string>
 
-#include "base/DataBuffer.h"
-#include "base/Logger.h"
-#include "base/Progress.h"
-#include "ssh/ClsSsh.h"
+#include <scpkit/base/DataBuffer.h>
+#include <scpkit/base/Logger.h>
+#include <scpkit/base/Progress.h>
+#include <scpkit/ssh/ClsSsh.h>
 #include "tests/support/ScpTestHelpers.h"
 #include "tests/support/SshdFixture.h"
 

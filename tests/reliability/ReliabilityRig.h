@@ -18,10 +18,10 @@
 #include <string>
 #include <vector>
 
-#include "base/Progress.h"
-#include "base/XString.h"
-#include "scp/ClsScp.h"
-#include "ssh/ClsSsh.h"
+#include <scpkit/base/Progress.h>
+#include <scpkit/base/XString.h>
+#include <scpkit/scp/ClsScp.h>
+#include <scpkit/ssh/ClsSsh.h>
 #include "tests/support/ProcessTransport.h"
 #include "tests/support/ScriptedTransport.h"
 #include "tests/support/SshdFixture.h"

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "base/DataBuffer.h"
+#include <scpkit/base/DataBuffer.h>
 #include "tests/reliability/ReliabilityRig.h"
 
 namespace scpkit::test {

@@ -9,7 +9,7 @@
 #include <set>
 #include <string>
 
-#include "base/DataBuffer.h"
+#include <scpkit/base/DataBuffer.h>
 #include "tests/reliability/ReliabilityRig.h"
 
 namespace scpkit::test {

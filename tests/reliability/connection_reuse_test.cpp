@@ -5,7 +5,7 @@
 
 #include <string>
 
-#include "base/DataBuffer.h"
+#include <scpkit/base/DataBuffer.h>
 #include "tests/reliability/ReliabilityRig.h"
 
 namespace scpkit::test {

@@ -9,7 +9,7 @@
 #include <thread>
 #include <vector>
 
-#include "base/DataBuffer.h"
+#include <scpkit/base/DataBuffer.h>
 #include "tests/reliability/ReliabilityRig.h"
 
 namespace scpkit::test {

@@ -5,7 +5,7 @@
 
 #include <cstdint>
 
-#include "scp/ClsScp.h"
+#include <scpkit/scp/ClsScp.h>
 
 namespace scpkit {
 

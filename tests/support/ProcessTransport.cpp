@@ -13,8 +13,8 @@
 #include <utility>
 #include <vector>
 
-#include "base/DataBuffer.h"
-#include "base/LogBase.h"
+#include <scpkit/base/DataBuffer.h>
+#include <scpkit/base/LogBase.h>
 
 namespace scpkit::test {
 

@@ -10,7 +10,7 @@
 #include <mutex>
 #include <string>
 
-#include "ssh/SshTransport.h"
+#include <scpkit/ssh/SshTransport.h>
 
 namespace scpkit::test {
 

@@ -14,9 +14,9 @@
 #include <string>
 #include <system_error>
 
-#include "base/ClsBase.h"
-#include "base/Logger.h"
-#include "base/XString.h"
+#include <scpkit/base/ClsBase.h>
+#include <scpkit/base/Logger.h>
+#include <scpkit/base/XString.h>
 
 namespace scpkit::test {
 

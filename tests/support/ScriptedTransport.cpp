@@ -4,8 +4,8 @@
 #include <chrono>
 #include <cstring>
 
-#include "base/DataBuffer.h"
-#include "base/LogBase.h"
+#include <scpkit/base/DataBuffer.h>
+#include <scpkit/base/LogBase.h>
 
 namespace scpkit::test {
 

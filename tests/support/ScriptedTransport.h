@@ -20,7 +20,7 @@
 #include <utility>
 #include <vector>
 
-#include "ssh/SshTransport.h"
+#include <scpkit/ssh/SshTransport.h>
 
 namespace scpkit::test {
 

@@ -17,8 +17,8 @@
 #include <sstream>
 #include <thread>
 
-#include "base/XString.h"
-#include "ssh/ClsSsh.h"
+#include <scpkit/base/XString.h>
+#include <scpkit/ssh/ClsSsh.h>
 #include "tests/support/ScpTestHelpers.h"
 
 extern char** environ;

@@ -9,8 +9,8 @@
 #include <iterator>
 #include <string>
 
-#include "base/DataBuffer.h"
-#include "base/Logger.h"
+#include <scpkit/base/DataBuffer.h>
+#include <scpkit/base/Logger.h>
 
 namespace scpkit::test {
 

@@ -4,9 +4,9 @@
 #include <cstring>
 #include <tuple>
 
-#include "base/Conversions.h"
-#include "base/ExtPtrArray.h"
-#include "base/XString.h"
+#include <scpkit/base/Conversions.h>
+#include <scpkit/base/ExtPtrArray.h>
+#include <scpkit/base/XString.h>
 #include "tests/unit/BaseTestHelpers.h"
 
 namespace scpkit::test {

@@ -9,13 +9,13 @@
 #include <set>
 #include <tuple>
 
-#include "base/DataSource.h"
-#include "base/FileIterator.h"
-#include "base/FileSys.h"
-#include "base/FileTime.h"
-#include "base/Output.h"
-#include "base/Progress.h"
-#include "base/XString.h"
+#include <scpkit/base/DataSource.h>
+#include <scpkit/base/FileIterator.h>
+#include <scpkit/base/FileSys.h>
+#include <scpkit/base/FileTime.h>
+#include <scpkit/base/Output.h>
+#include <scpkit/base/Progress.h>
+#include <scpkit/base/XString.h>
 #include "tests/unit/BaseTestHelpers.h"
 
 namespace scpkit::test {

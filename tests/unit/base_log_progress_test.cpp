@@ -7,10 +7,10 @@
 #include <tuple>
 #include <vector>
 
-#include "base/ClsBase.h"
-#include "base/Progress.h"
-#include "base/StringBuffer.h"
-#include "base/XString.h"
+#include <scpkit/base/ClsBase.h>
+#include <scpkit/base/Progress.h>
+#include <scpkit/base/StringBuffer.h>
+#include <scpkit/base/XString.h>
 #include "tests/unit/BaseTestHelpers.h"
 
 namespace scpkit::test {

@@ -3,10 +3,10 @@
 #include <memory>
 #include <tuple>
 
-#include "base/ExtPtrArray.h"
-#include "base/StringBuffer.h"
-#include "base/StringHashMap.h"
-#include "base/XString.h"
+#include <scpkit/base/ExtPtrArray.h>
+#include <scpkit/base/StringBuffer.h>
+#include <scpkit/base/StringHashMap.h>
+#include <scpkit/base/XString.h>
 #include "tests/unit/BaseTestHelpers.h"
 
 namespace scpkit::test {

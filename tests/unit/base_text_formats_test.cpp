@@ -3,10 +3,10 @@
 #include <sstream>
 #include <tuple>
 
-#include "base/ClsBase.h"
-#include "base/ClsJsonObject.h"
-#include "base/Encode.h"
-#include "base/XString.h"
+#include <scpkit/base/ClsBase.h>
+#include <scpkit/base/ClsJsonObject.h>
+#include <scpkit/base/Encode.h>
+#include <scpkit/base/XString.h>
 #include "tests/unit/BaseTestHelpers.h"
 
 namespace scpkit::test {

@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "base/Logger.h"
+#include <scpkit/base/Logger.h>
 
 namespace scpkit {
 namespace {

@@ -11,9 +11,9 @@
 #include <memory>
 #include <string>
 
-#include "base/Logger.h"
-#include "base/Progress.h"
-#include "ssh/ClsSsh.h"
+#include <scpkit/base/Logger.h>
+#include <scpkit/base/Progress.h>
+#include <scpkit/ssh/ClsSsh.h>
 #include "tests/support/ProcessTransport.h"
 #include "tests/support/ScpTestHelpers.h"
 

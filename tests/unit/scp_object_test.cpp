@@ -4,10 +4,10 @@
 
 #include <functional>
 
-#include "base/ClsBinData.h"
-#include "base/DataBuffer.h"
-#include "scp/ClsScp.h"
-#include "ssh/ClsSsh.h"
+#include <scpkit/base/ClsBinData.h>
+#include <scpkit/base/DataBuffer.h>
+#include <scpkit/scp/ClsScp.h>
+#include <scpkit/ssh/ClsSsh.h>
 #include "tests/support/ClsScpTestAccess.h"
 #include "tests/support/ScpTestHelpers.h"
 

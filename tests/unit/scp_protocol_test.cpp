@@ -11,13 +11,13 @@
 #include <utility>
 #include <vector>
 
-#include "base/DataBuffer.h"
-#include "base/Logger.h"
-#include "base/Output.h"
-#include "base/Progress.h"
-#include "scp/ClsScp.h"
-#include "scp/ScpFileInfo.h"
-#include "ssh/ClsSsh.h"
+#include <scpkit/base/DataBuffer.h>
+#include <scpkit/base/Logger.h>
+#include <scpkit/base/Output.h>
+#include <scpkit/base/Progress.h>
+#include <scpkit/scp/ClsScp.h>
+#include <scpkit/scp/ScpFileInfo.h>
+#include <scpkit/ssh/ClsSsh.h>
 #include "tests/support/ClsScpTestAccess.h"
 #include "tests/support/ScpTestHelpers.h"
 #include "tests/support/ScriptedTransport.h"

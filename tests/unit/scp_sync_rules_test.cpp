@@ -6,12 +6,12 @@
 #include <memory>
 #include <string>
 
-#include "base/ExtPtrArray.h"
-#include "base/Logger.h"
-#include "base/StringHashMap.h"
-#include "base/XString.h"
-#include "scp/ClsScp.h"
-#include "scp/ScpFileInfo.h"
+#include <scpkit/base/ExtPtrArray.h>
+#include <scpkit/base/Logger.h>
+#include <scpkit/base/StringHashMap.h>
+#include <scpkit/base/XString.h>
+#include <scpkit/scp/ClsScp.h>
+#include <scpkit/scp/ScpFileInfo.h>
 #include "tests/support/ClsScpTestAccess.h"
 #include "tests/support/TreeFiles.h"
 

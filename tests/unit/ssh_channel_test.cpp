@@ -9,11 +9,11 @@
 #include <tuple>
 #include <vector>
 
-#include "base/DataSource.h"
-#include "base/Logger.h"
-#include "base/Output.h"
-#include "base/Progress.h"
-#include "ssh/ClsSsh.h"
+#include <scpkit/base/DataSource.h>
+#include <scpkit/base/Logger.h>
+#include <scpkit/base/Output.h>
+#include <scpkit/base/Progress.h>
+#include <scpkit/ssh/ClsSsh.h>
 #include "tests/support/ScpTestHelpers.h"
 #include "tests/support/ScriptedTransport.h"
 
