@@ -47,6 +47,10 @@ bool ClsScp::setEnvironmentVars(int channel, SocketParams& sp, LogBase& log) {
     return true;
 }
 
+ChannelFinisher::~ChannelFinisher() {
+    if (m_ssh && m_channel >= 0) m_ssh->channelFinished(m_channel);
+}
+
 void buildScpCommand(const char* prefix, const XString& argument, bool quote, XString& command) {
     command.setFromUtf8(prefix);
     if (quote) command.appendUtf8("\"");

@@ -49,6 +49,8 @@ bool ClsScp::DownloadFile(XString& remotePath, XString& localPath, ProgressEvent
     };
 
     int channel = ssh->openSessionChannel(sp, log);
+
+    ChannelFinisher finisher(ssh, channel);
     if (channel < 0) return failAndRemove();
     if (!setEnvironmentVars(channel, sp, log)) return failAndRemove();
 

@@ -72,6 +72,8 @@ bool ClsScp::downloadData(XString& remotePath, DataBuffer& out, ProgressEvent* p
     OutputDataBuffer output(&out);
 
     int channel = ssh->openSessionChannel(sp, log);
+
+    ChannelFinisher finisher(ssh, channel);
     if (channel < 0 || !setEnvironmentVars(channel, sp, log)) {
         logSuccessFailure(false);
         return false;

@@ -14,6 +14,8 @@ bool ClsScp::recursiveUpload(XString& localRoot, XString& remoteRoot, int mode, 
     if (!ssh) return false;
 
     int channel = ssh->openSessionChannel(sp, log);
+
+    ChannelFinisher finisher(ssh, channel);
     if (channel < 0) {
         logSuccessFailure(false);
         return false;

@@ -47,6 +47,8 @@ bool ClsScp::doRemoteTraverse(bool bComputeMode, XString& remoteDir, XString& lo
     if (!ssh) return false;
 
     int channel = ssh->openSessionChannel(sp, log);
+
+    ChannelFinisher finisher(ssh, channel);
     if (channel < 0) {
         logSuccessFailure(false);
         return false;

@@ -8,6 +8,21 @@ class LogBase;
 class SocketParams;
 class XString;
 
+// Tells the SSH object, when the transfer's scope ends, that the transfer is
+// done with its channel (whatever the outcome), so that the channel may be
+// reclaimed; a channel still in use is never taken from its transfer.
+class ChannelFinisher {
+  public:
+    ChannelFinisher(ClsSsh* ssh, int channel) : m_ssh(ssh), m_channel(channel) {}
+    ~ChannelFinisher();
+    ChannelFinisher(const ChannelFinisher&) = delete;
+    ChannelFinisher& operator=(const ChannelFinisher&) = delete;
+
+  private:
+    ClsSsh* m_ssh;
+    int m_channel;
+};
+
 // prefix + argument, the argument enclosed in double quotes when `quote`
 // is true (nothing inside it is escaped).
 void buildScpCommand(const char* prefix, const XString& argument, bool quote, XString& command);

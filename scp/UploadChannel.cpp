@@ -15,6 +15,7 @@ bool ClsScp::uploadOverChannel(_vqDataSource& source, ScpFileInfo& info, XString
                                XString& remoteFilename, bool filenameOnly, SocketParams& sp,
                                bool logOutcome, LogBase& log) {
     int channel = ssh->openSessionChannel(sp, log);
+    ChannelFinisher finisher(ssh, channel);
     if (channel < 0 || !setEnvironmentVars(channel, sp, log)) {
         logSuccessFailure(false);
         return false;
