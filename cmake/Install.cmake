@@ -37,11 +37,13 @@ if(TARGET scpkit_cli)
   set_target_properties(scpkit_cli PROPERTIES INSTALL_RPATH "${bin_to_lib}")
   install(TARGETS scpkit_cli RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 endif()
-# The program's documentation, once it exists.
+# The program's documentation (globs, so that the build notices the files
+# appearing).
 file(GLOB SCPKIT_MAN_PAGES CONFIGURE_DEPENDS doc/*.1)
 install(FILES ${SCPKIT_MAN_PAGES} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
-if(EXISTS ${CMAKE_CURRENT_SOURCE_DIR}/doc/scpkit.bash-completion)
-  install(FILES doc/scpkit.bash-completion RENAME scpkit
+file(GLOB SCPKIT_COMPLETION CONFIGURE_DEPENDS doc/scpkit.bash-completion)
+if(SCPKIT_COMPLETION)
+  install(FILES ${SCPKIT_COMPLETION} RENAME scpkit
           DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
 endif()
 

@@ -40,6 +40,10 @@ if [ "$kind" = shared ]; then
     grep -q "libscpkit.so.* => $prefix/" "$work/ldd" || fail "libscpkit not found in the prefix: $(cat "$work/ldd")"
 fi
 
+for doc in doc/scpkit.1:share/man/man1/scpkit.1 doc/scpkit.bash-completion:share/bash-completion/completions/scpkit; do
+    if [ -f "$source/${doc%%:*}" ] && [ ! -f "$prefix/${doc#*:}" ]; then fail "${doc#*:} not installed"; fi
+done
+
 # pkg-config, as the README shows it.
 static=()
 [ "$kind" = static ] && static=(--static)
