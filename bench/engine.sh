@@ -113,7 +113,7 @@ case_rounds() {
 # row KIND LABEL PREP COMMAND [RUNS]: KIND is ours, anchor or ref (a reference
 # such as the transport's ceiling); PREP runs untimed before every run. A row
 # given RUNS skips the warm-up and runs in the first RUNS counted rounds only
-# (for the slow references).
+# (for the slow references); RUNS 0 stops a row.
 row() {
     [ "$SKIP" = 0 ] || return 0
     ROW_KINDS+=("$1") ROW_LABELS+=("$2") ROW_PREPS+=("$3") ROW_CMDS+=("$4") ROW_ROUNDS+=("${5:-}")
@@ -139,10 +139,14 @@ verify() {
 }
 
 # ---- running ----------------------------------------------------------------------
-# Runs row I once; COUNT 1 appends its sample. Adds the case's wall time and
-# the other work's ticks to CASE_WALL and CASE_OTHER_TICKS.
+# A warm-up run that takes longer than this counts as the row's only run: a
+# run that long gains nothing from warm caches.
+SLOW_RUN_S=${BENCH_SLOW_RUN:-60}
+
+# Runs row I once and leaves its sample in RUN_SAMPLE, its process's wall
+# time in RUN_WALL and the other work's ticks in RUN_OTHER_TICKS.
 run_row() {
-    local i=$1 count=$2 tf=$WORK/time.out ef=$WORK/stderr.out
+    local i=$1 tf=$WORK/time.out ef=$WORK/stderr.out
     eval "${ROW_PREPS[$i]}"
     [ "$QUICK" = 1 ] || sync
     rm -f "$ELAPSED_FILE" "$tf"
@@ -151,27 +155,30 @@ run_row() {
     eval "/usr/bin/time -f '%U %S %M' -o $tf ${ROW_CMDS[$i]}" >"$TOOL_OUTPUT" 2>"$ef" <"$EMPTY_INPUT" ||
         status=$?
     local t1=$EPOCHREALTIME
-    local other
-    other=$(other_ticks_since_mark)
+    RUN_OTHER_TICKS=$(other_ticks_since_mark)
     if [ "$status" != 0 ]; then
         say "bench: FAILED (status $status): ${ROW_LABELS[$i]}"
         say "  command: ${ROW_CMDS[$i]}"
         sed 's/^/  | /' "$ef" | head -40 >&2
         exit 1
     fi
-    local process_wall wall user sys rss
-    process_wall=$(awk -v a="$t0" -v b="$t1" 'BEGIN { printf "%.6f", b - a }')
-    wall=$process_wall
+    local wall user sys rss
+    RUN_WALL=$(awk -v a="$t0" -v b="$t1" 'BEGIN { printf "%.6f", b - a }')
+    wall=$RUN_WALL
     # The in-memory rows time their transfer themselves, without the loading.
     [ -s "$ELAPSED_FILE" ] && wall=$(cat "$ELAPSED_FILE")
     read -r user sys rss < <(tail -1 "$tf")
     printf '   %-44s %8.3f s\n' "${ROW_LABELS[$i]}" "$wall" >&2
-    [ "$count" = 1 ] || return 0
-    CASE_WALL=$(awk -v a="$CASE_WALL" -v b="$process_wall" 'BEGIN { printf "%.6f", a + b }')
-    CASE_OTHER_TICKS=$((CASE_OTHER_TICKS + other))
-    printf '%s\t%s\t%s\t%s\t%s\t%s\n' "$GROUP" "$((i + 1))" "$wall" \
+    RUN_SAMPLE=$(printf '%s\t%s\t%s\t%s\t%s\t%s' "$GROUP" "$((i + 1))" "$wall" \
         "$(awk -v u="$user" -v s="$sys" 'BEGIN { printf "%.3f", u + s }')" "$rss" \
-        "$(awk -v t="$other" -v hz="$CLK_TCK" 'BEGIN { printf "%.2f", t / hz }')" >>"$SAMPLES"
+        "$(awk -v t="$RUN_OTHER_TICKS" -v hz="$CLK_TCK" 'BEGIN { printf "%.2f", t / hz }')")
+}
+
+# Counts the last run: its sample, and its time and other work for the case.
+count_run() {
+    printf '%s\n' "$RUN_SAMPLE" >>"$SAMPLES"
+    CASE_WALL=$(awk -v a="$CASE_WALL" -v b="$RUN_WALL" 'BEGIN { printf "%.6f", a + b }')
+    CASE_OTHER_TICKS=$((CASE_OTHER_TICKS + RUN_OTHER_TICKS))
 }
 
 # Runs the current case once the machine has settled: warm-up rounds, then
@@ -193,7 +200,14 @@ run_group() {
         for ((i = 0; i < n; i++)); do
             local cap=${ROW_ROUNDS[$i]}
             [ -z "$cap" ] || { [ "$counted" -ge 0 ] && [ "$counted" -lt "$cap" ]; } || continue
-            run_row "$i" "$count"
+            run_row "$i"
+            if [ "$count" = 1 ]; then
+                count_run
+            elif awk -v w="$RUN_WALL" -v slow="$SLOW_RUN_S" 'BEGIN { exit !(w > slow) }'; then
+                say "   (slow: this run counts, and the row runs no more)"
+                count_run
+                ROW_ROUNDS[i]=0
+            fi
         done
     done
     local other

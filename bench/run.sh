@@ -155,28 +155,39 @@ make_tree() {
     done
 }
 
-# Random bytes: nothing compresses, nothing is sparse. Every file gets the
-# same old time, so that a change made later is strictly newer.
-say "bench: making the data sets"
-head -c "$BIG_BYTES" /dev/urandom >"$DATA/big.bin"
-# The file the overwriting downloads find in their place: other bytes, and
-# longer, so that a copy that keeps any of it fails the check.
-head -c $((BIG_BYTES + MiB)) /dev/urandom >"$DATA/old.bin"
-# Text for the download into a string: printable ASCII in lines.
-head -c $((BIG_BYTES * 3 / 4)) /dev/urandom | base64 -w 99 >"$DATA/text.txt"
-truncate -s "$BIG_BYTES" "$DATA/text.txt"
-mkdir -p "$DATA/large"
-head -c "$LARGE_BYTES" /dev/urandom |
-    split -b "$LARGE_FILE_BYTES" -d -a 3 - "$DATA/large/file"
-make_tree "$DATA/small" "$SMALL_DIRS" "$SMALL_PER_DIR"
-touch -h -d '2 hours ago' "$DATA/big.bin" "$DATA/text.txt"
-find "$DATA/large" -exec touch -h -d '2 hours ago' {} +
-[ "$(find "$DATA/small" -type f | wc -l)" = "$SMALL_FILES" ] || { say "bench: small tree wrong"; exit 1; }
-for shape in "${RTT_TREES[@]}"; do
-    read -r dirs per <<<"$shape"
-    [ "$dirs" = "$SMALL_DIRS" ] && [ "$per" = "$SMALL_PER_DIR" ] && continue
-    make_tree "$DATA/tree$((dirs * per))" "$dirs" "$per"
-done
+# make_data NAME: makes a data set the first time a case that runs needs it.
+# Random bytes: nothing compresses, nothing is sparse. The files get an old
+# time, so that a change made later is strictly newer.
+make_data() {
+    local path=$DATA/$1
+    [ -e "$path" ] && return 0
+    say "bench: making $1"
+    case $1 in
+        big.bin) head -c "$BIG_BYTES" /dev/urandom >"$path" ;;
+        # What the overwriting downloads find in their place: other bytes,
+        # and longer, so that a copy that keeps any of it fails the check.
+        old.bin) head -c $((BIG_BYTES + MiB)) /dev/urandom >"$path" ;;
+        # Printable ASCII in lines, for the download into a string.
+        text.txt)
+            head -c $((BIG_BYTES * 3 / 4)) /dev/urandom | base64 -w 99 >"$path"
+            truncate -s "$BIG_BYTES" "$path"
+            ;;
+        large)
+            mkdir -p "$path"
+            head -c "$LARGE_BYTES" /dev/urandom | split -b "$LARGE_FILE_BYTES" -d -a 3 - "$path/file"
+            ;;
+        small) make_tree "$path" "$SMALL_DIRS" "$SMALL_PER_DIR" ;;
+        tree*) make_tree "$path" "$TREE_DIRS" "$TREE_PER_DIR" ;;
+    esac
+    [ -d "$path" ] || touch -d '2 hours ago' "$path"
+    [ "$1" != large ] || find "$path" -exec touch -h -d '2 hours ago' {} +
+}
+# needs NAME...: the data sets the current case reads.
+needs() {
+    [ "$SKIP" = 0 ] || return 0
+    local name
+    for name in "$@"; do make_data "$name"; done
+}
 
 # tree_listing DIR: every directory with its mode, every file with its mode,
 # size and modification time in whole seconds (what scp -p keeps).
@@ -231,7 +242,8 @@ if [ -x "$CLI_PROG" ]; then
     USE_CLI=1
     # The program must use the cipher it is given: a cipher the server
     # refuses has to fail, the case's cipher has to work.
-    probe=$DATA/large/file000
+    probe=$WORK/probe.bin
+    head -c 1024 /dev/urandom >"$probe"
     if eval "$(cli 3des-cbc) put $probe $HOST:$R/probe" >"$WORK/probe.out" 2>&1 ||
         ! eval "$(cli "${CIPHERS[0]}") put $probe $HOST:$R/probe" >"$WORK/probe.out" 2>&1; then
         say "bench: the scpkit program does not use the cipher it is given;" \
@@ -270,6 +282,7 @@ BIGNAME=$(human "$BIG_BYTES")
 for c in "${CIPHERS[@]}"; do
     cn=${c%%@*}
     group "$BIGNAME file up, $cn" "$BIG_BYTES"
+    needs big.bin
     row anchor "scp -O" "rm -f $R/big.scp" "$(scp_O "$c") $BIG $HOST:$R/big.scp"
     row ours "$PUT_NAME" "rm -f $R/big.put" "$(single_up "$c" "$BIG" "$R/big.put")"
     row ours "UploadBinary" "rm -f $R/big.mem" "$(memory "$c") put-memory $BIG $R/big.mem"
@@ -285,6 +298,7 @@ for c in "${CIPHERS[@]}"; do
     verify "uploaded bytes differ (scp -O)" cmp "$BIG" "$R/big.scp"
 
     group "$BIGNAME file down, $cn" "$BIG_BYTES"
+    needs big.bin
     row anchor "scp -O" "rm -f $L/big.scp" "$(scp_O "$c") $HOST:$BIG $L/big.scp"
     row ours "$GET_NAME" "rm -f $L/big.get" "$(single_down "$c" "$BIG" "$L/big.get")"
     row ours "DownloadBinary" "" "$(memory "$c") get-memory $BIG"
@@ -307,6 +321,7 @@ done
 # first one only.
 c=${CIPHERS[0]} cn=${CIPHERS[0]%%@*}
 group "$BIGNAME file down over an existing file, $cn" "$BIG_BYTES"
+needs big.bin old.bin
 row anchor "scp -O" "cp $OLD $L/over.scp" "$(scp_O "$c") $HOST:$BIG $L/over.scp"
 row ours "$GET_NAME" "cp $OLD $L/over.get" "$(single_down "$c" "$BIG" "$L/over.get")"
 target faster 2 1 1.10 "scp -O"
@@ -317,6 +332,7 @@ verify "downloaded bytes differ (scp -O over a file)" cmp "$BIG" "$L/over.scp"
 rm -f "$L"/over.*
 
 group "$BIGNAME text file down, $cn" "$BIG_BYTES"
+needs text.txt
 row anchor "scp -O" "rm -f $L/text.scp" "$(scp_O "$c") $HOST:$TEXT $L/text.scp"
 row ours "DownloadString (utf-8)" "" "$(memory "$c") get-string $TEXT utf-8"
 target faster 2 1 1.00 "scp -O"
@@ -326,9 +342,10 @@ verify "downloaded text differs (scp -O)" cmp "$TEXT" "$L/text.scp"
 rm -f "$L"/text.*
 
 # ---- whole trees, mode 0 (copy everything) -------------------------------------
-tree_cases() {  # CIPHER SHORT-NAME TITLE SOURCE BYTES
-    local c=$1 t=$2 name=$3 src=$4 bytes=$5
+tree_cases() {  # CIPHER DATA-SET TITLE BYTES
+    local c=$1 t=$2 name=$3 src=$DATA/$2 bytes=$4
     group "$name up, ${c%%@*}" "$bytes"
+    needs "$t"
     row anchor "scp -O -r -p" "rm -rf $R/$t.scp" "$(scp_O "$c") -r -p $src $HOST:$R/$t.scp"
     row ours "SyncTreeUpload mode 0" "rm -rf $R/$t.ours; mkdir -p $R/$t.ours" \
         "$(ours "$c") tree-up 0 $src $R/$t.ours"
@@ -341,6 +358,7 @@ tree_cases() {  # CIPHER SHORT-NAME TITLE SOURCE BYTES
     done
 
     group "$name down, ${c%%@*}" "$bytes"
+    needs "$t"
     row anchor "scp -O -r -p" "rm -rf $L/$t.scp" "$(scp_O "$c") -r -p $HOST:$src $L/$t.scp"
     row ours "SyncTreeDownload mode 0" "rm -rf $L/$t.ours" "$(ours "$c") tree-down 0 $src $L/$t.ours"
     row ref "rsync -a" "rm -rf $L/$t.rsync" "$(rsync_a "$c") $HOST:$src/ $L/$t.rsync/"
@@ -352,19 +370,26 @@ tree_cases() {  # CIPHER SHORT-NAME TITLE SOURCE BYTES
     rm -rf "$R/$t".* "$L/$t".*
 }
 for c in "${CIPHERS[@]}"; do
-    tree_cases "$c" large "$LARGE_FILES x $(human "$LARGE_FILE_BYTES") tree" "$DATA/large" "$LARGE_BYTES"
-    tree_cases "$c" small "$SMALL_FILES x 1 KiB tree" "$DATA/small" "$SMALL_BYTES"
+    tree_cases "$c" large "$LARGE_FILES x $(human "$LARGE_FILE_BYTES") tree" "$LARGE_BYTES"
+    tree_cases "$c" small "$SMALL_FILES x 1 KiB tree" "$SMALL_BYTES"
 done
 
 # ---- re-syncs of the small tree -------------------------------------------------
 c=${CIPHERS[0]}
 SMALL=$DATA/small
-copy_of() { rm -rf "$2"; cp -a "$1" "$2"; }
+# copy_of SOURCE COPY...: identical copies, made untimed before a no-op case.
+copy_of() {
+    [ "$SKIP" = 0 ] || return 0
+    local src=$1 copy
+    shift
+    for copy in "$@"; do rm -rf "$copy"; cp -a "$src" "$copy"; done
+}
 # The floor of any protocol that spends one round trip per file.
 FLOOR="$(ours "$c") round-trips $SMALL_FILES"
 
-for d in m2 m6 rsync; do copy_of "$SMALL" "$L/noop.$d"; done
 group "no-op re-sync down, $SMALL_FILES files, ${c%%@*}" 0
+needs small
+copy_of "$SMALL" "$L"/noop.{m2,m6,rsync}
 row anchor "rsync -a" "" "$(rsync_a "$c") $HOST:$SMALL/ $L/noop.rsync/"
 row ours "SyncTreeDownload mode 2" "" "$(ours "$c") tree-down 2 $SMALL $L/noop.m2"
 row ours "SyncTreeDownload mode 6" "" "$(ours "$c") tree-down 6 $SMALL $L/noop.m6"
@@ -374,8 +399,9 @@ target info 3 1 "" "rsync"
 target info 2 4 "" "the floor of one round trip per file"
 run_group
 
-for d in m2 m5 rsync; do copy_of "$SMALL" "$R/noop.$d"; done
 group "no-op re-sync up, $SMALL_FILES files, ${c%%@*}" 0
+needs small
+copy_of "$SMALL" "$R"/noop.{m2,m5,rsync}
 row anchor "rsync -a" "" "$(rsync_a "$c") $SMALL/ $HOST:$R/noop.rsync/"
 row ours "SyncTreeUpload mode 2" "" "$(ours "$c") tree-up 2 $SMALL $R/noop.m2"
 row ours "SyncTreeUpload mode 5" "" "$(ours "$c") tree-up 5 $SMALL $R/noop.m5"
@@ -400,6 +426,8 @@ change_small() {
     done
 }
 group "re-sync of $CHANGED changed files down, ${c%%@*}" $((CHANGED * 1024))
+needs small
+copy_of "$SMALL" "$L"/noop.{m2,rsync}
 row anchor "rsync -a" "change_small" "$(rsync_a "$c") $HOST:$SMALL/ $L/noop.rsync/"
 row ours "SyncTreeDownload mode 2" "change_small" "$(ours "$c") tree-down 2 $SMALL $L/noop.m2"
 target info 2 1 "" "rsync"
@@ -407,6 +435,8 @@ run_group
 verify "changed files not downloaded" same_tree "$SMALL" "$L/noop.m2"
 
 group "re-sync of $CHANGED changed files up, ${c%%@*}" $((CHANGED * 1024))
+needs small
+copy_of "$SMALL" "$R"/noop.{m2,rsync}
 row anchor "rsync -a" "change_small" "$(rsync_a "$c") $SMALL/ $HOST:$R/noop.rsync/"
 row ours "SyncTreeUpload mode 2" "change_small" "$(ours "$c") tree-up 2 $SMALL $R/noop.m2"
 target info 2 1 "" "rsync"
@@ -421,13 +451,17 @@ rm -rf "$L"/noop.* "$R"/noop.*
 # files: about 6 minutes each way).
 rtt_cases() {  # DIRS FILES-PER-DIR
     local files=$(($1 * $2)) c=${CIPHERS[0]}
-    local src=$DATA/tree$files scp_rounds=3 title="$files files" tool
-    [ "$files" = "$SMALL_FILES" ] && [ "$1" = "$SMALL_DIRS" ] && src=$SMALL
+    local data=tree$files scp_rounds=3 title="$files files" tool
+    # The 10,000-file tree is the small tree of the cases above.
+    [ "$1" = "$SMALL_DIRS" ] && [ "$2" = "$SMALL_PER_DIR" ] && data=small
+    local src=$DATA/$data
+    TREE_DIRS=$1 TREE_PER_DIR=$2
     [ "$files" -le 1000 ] || scp_rounds=1
     [ "$QUICK" = 0 ] || scp_rounds=
-    local up=$R/rtt down=$L/rtt rtt="10 ms RTT, ${c%%@*}"
+    local up=$R/rtt down=$L/rtt rtt="$((2 * ONE_WAY_MS)) ms RTT, ${c%%@*}"
 
     group "$title push, $rtt" $((files * 1024)) rtt
+    needs "$data"
     case_rounds 1 3
     row anchor "rsync -a" "rm -rf $up.rsync" "$(rsync_relay "$c") $src/ $HOST:$up.rsync/"
     row ours "scpkit push" "rm -rf $up.cli" "$(cli_relay "$c") push $src $HOST:$up.cli"
@@ -442,6 +476,7 @@ rtt_cases() {  # DIRS FILES-PER-DIR
     [ "$QUICK" = 0 ] || return 0
 
     group "$title pull, $rtt" $((files * 1024)) rtt
+    needs "$data"
     case_rounds 1 3
     row anchor "rsync -a" "rm -rf $down.rsync" "$(rsync_relay "$c") $HOST:$src/ $down.rsync/"
     row ours "scpkit pull" "rm -rf $down.cli" "$(cli_relay "$c") pull $HOST:$src $down.cli"
@@ -453,8 +488,9 @@ rtt_cases() {  # DIRS FILES-PER-DIR
     done
     rm -rf "$down".*
 
-    for tool in cli rsync; do copy_of "$src" "$up.$tool"; done
     group "$title no-op push, $rtt" 0 rtt
+    needs "$data"
+    copy_of "$src" "$up".{cli,rsync}
     row anchor "rsync -a" "" "$(rsync_relay "$c") $src/ $HOST:$up.rsync/"
     row ours "scpkit push --mode newer" "" "$(cli_relay "$c") push --mode newer $src $HOST:$up.cli"
     target within 2 1 3 "rsync"
@@ -464,8 +500,9 @@ rtt_cases() {  # DIRS FILES-PER-DIR
     done
     rm -rf "$up".*
 
-    for tool in cli rsync; do copy_of "$src" "$down.$tool"; done
     group "$title no-op pull, $rtt" 0 rtt
+    needs "$data"
+    copy_of "$src" "$down".{cli,rsync}
     row anchor "rsync -a" "" "$(rsync_relay "$c") $HOST:$src/ $down.rsync/"
     row ours "scpkit pull --mode newer" "" "$(cli_relay "$c") pull --mode newer $HOST:$src $down.cli"
     target within 2 1 3 "rsync"
