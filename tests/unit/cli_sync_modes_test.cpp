@@ -1,7 +1,7 @@
 // Mode names of push and pull against the library's two numberings.
 #include <gtest/gtest.h>
 
-#include "cli/Options.h"
+#include "cli/CommandLine.h"
 #include "cli/SyncModes.h"
 
 namespace scpkit::test {
@@ -35,8 +35,8 @@ TEST(CliSyncModes, TheCommandChoosesTheDirection) {
     cli::Options push, pull;
     ASSERT_EQ(cli::parseCommandLine({"push", "--mode", "size", "d", "h:r"}, push).err, "");
     ASSERT_EQ(cli::parseCommandLine({"pull", "--mode", "size", "h:r", "d"}, pull).err, "");
-    EXPECT_EQ(push.syncMode, 4);
-    EXPECT_EQ(pull.syncMode, 5);
+    EXPECT_EQ(push.tree.syncMode, 4);
+    EXPECT_EQ(pull.tree.syncMode, 5);
 }
 
 }  // namespace
