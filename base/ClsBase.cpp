@@ -96,7 +96,12 @@ void ClsBase::put_PercentScale(unsigned scale) {
 }
 
 void ClsBase::logSuccessFailure(bool success) {
-    m_log.LogInfo(success ? "Success." : "Failed.");
+    m_log.logOutcome(success);
+}
+
+bool ClsBase::firstError(LogFirstError& out) {
+    CritSecExitor lock(m_critSec);
+    return m_log.firstError(out);
 }
 
 bool ClsBase::xstringToDb(const XString& charset, const XString& text, DataBuffer& out,

@@ -44,6 +44,11 @@ class ClsBase {
     // Closes a public call's log with "Success." or "Failed.".
     void logSuccessFailure(bool success);
 
+    // The first error of the last call and the data items logged around it,
+    // for a one-line message (see LogFirstError); false when the last call
+    // logged no error and did not fail.
+    bool firstError(LogFirstError& out);
+
     // Text to bytes in a named charset (appended); bytes to text (replacing
     // `text`). False when the charset is unknown or the data do not convert.
     static bool xstringToDb(const XString& charset, const XString& text, DataBuffer& out,

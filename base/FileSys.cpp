@@ -92,6 +92,15 @@ bool FileSys::GetFileLastModTimeGmt(const XString& path, VostrelFileTime& t, Log
 }
 
 bool FileSys::setPerm(const XString& path, unsigned perms, LogBase* log) {
+    // A device or fifo named as a download's target keeps its own mode.
+    struct stat st;
+    if (::stat(path.getUtf8(), &st) == 0 && !S_ISREG(st.st_mode) && !S_ISDIR(st.st_mode)) {
+        if (log) {
+            log->LogError("Not changing the permissions of a local path that is not a file.");
+            log->LogData("path", path.getUtf8());
+        }
+        return false;
+    }
     if (::chmod(path.getUtf8(), static_cast<mode_t>(perms & 07777)) == 0) return true;
     logOsError(log, "Failed to set the permissions of a local path.", path.getUtf8(), errno);
     return false;

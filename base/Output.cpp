@@ -61,10 +61,14 @@ bool OutputDataBuffer::writeImpl(const unsigned char* data, size_t numBytes, Log
 OutputFile* OutputFile::createFileUtf8(const char* path, LogBase& log) {
     if (!path) return nullptr;
     // O_NONBLOCK keeps the open from waiting on a fifo without a reader; it
-    // is cleared at once, so writes block as usual.
-    int fd = ::open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, 0666);
-    if (fd < 0) {
+    // is cleared at once, so writes block as usual. No O_TRUNC: only a
+    // regular file is emptied, after fstat says that is what was opened.
+    int fd = ::open(path, O_WRONLY | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, 0666);
+    struct stat st;
+    bool regular = fd >= 0 && ::fstat(fd, &st) == 0 && S_ISREG(st.st_mode);
+    if (fd < 0 || (regular && ::ftruncate(fd, 0) != 0)) {
         int err = errno;
+        if (fd >= 0) ::close(fd);
         log.LogError("Failed to create local file.");
         log.LogData("localFilePath", path);
         log.LogData("osError", std::strerror(err));
@@ -72,7 +76,7 @@ OutputFile* OutputFile::createFileUtf8(const char* path, LogBase& log) {
     }
     int flags = ::fcntl(fd, F_GETFL);
     if (flags >= 0) ::fcntl(fd, F_SETFL, flags & ~O_NONBLOCK);
-    OutputFile* out = new (std::nothrow) OutputFile(fd);
+    OutputFile* out = new (std::nothrow) OutputFile(fd, regular);
     if (!out) {
         ::close(fd);
         log.LogError("Out of memory.");
@@ -91,6 +95,8 @@ bool OutputFile::setFileTimeUtc_3(const VostrelFileTime& /*creation*/,
         if (log) log->LogError("Cannot set the times of a closed file.");
         return false;
     }
+    // A device or fifo named as the target keeps its own times.
+    if (!m_regular) return true;
     struct timespec times[2];
     times[0].tv_sec = static_cast<time_t>(lastAccess.toUnixTime64());
     times[0].tv_nsec = 0;
@@ -111,7 +117,8 @@ void OutputFile::closeHandle() {
 }
 
 void OutputFile::resetOutput(LogBase& log) {
-    if (m_fd < 0) return;
+    // What went into a device or fifo cannot be taken back, and its size is not ours.
+    if (m_fd < 0 || !m_regular) return;
     if (::ftruncate(m_fd, 0) != 0 || ::lseek(m_fd, 0, SEEK_SET) < 0) {
         int err = errno;
         log.LogError("Failed to truncate the local file.");

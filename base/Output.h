@@ -46,23 +46,31 @@ class OutputDataBuffer : public _vqOutput {
 
 class OutputFile : public _vqOutput {
   public:
-    // Creates or truncates a local file for writing; null with the reason logged.
+    // Creates or truncates a local file for writing; null with the reason
+    // logged. A path naming something other than a regular file (a device,
+    // a fifo) is opened for writing as it is, never truncated.
     static OutputFile* createFileUtf8(const char* path, LogBase& log);
     ~OutputFile() override;
 
+    // True when what was opened is a regular file: only then do its size,
+    // times and mode belong to the download.
+    bool isRegularFile() const { return m_regular; }
+
     // Sets the open file's times: (creation, last access, last modification).
-    // The creation time is ignored where the platform keeps none.
+    // The creation time is ignored where the platform keeps none; on
+    // anything but a regular file nothing is changed.
     bool setFileTimeUtc_3(const VostrelFileTime& creation, const VostrelFileTime& lastAccess,
                           const VostrelFileTime& lastMod, LogBase* log);
     void closeHandle();
-    void resetOutput(LogBase& log) override;  // truncates to 0 bytes
+    void resetOutput(LogBase& log) override;  // a regular file: truncates to 0 bytes
 
   protected:
     bool writeImpl(const unsigned char* data, size_t numBytes, LogBase& log) override;
 
   private:
-    explicit OutputFile(int fd) : m_fd(fd) {}
+    OutputFile(int fd, bool regular) : m_fd(fd), m_regular(regular) {}
     int m_fd;
+    bool m_regular;
 };
 
 // Deletes the output at scope exit.
