@@ -69,7 +69,8 @@ std::string checkPaths(const Arguments& a, Options& o) {
     const std::string& target = p.back();
     bool remoteSources = o.command == Command::Get || o.command == Command::Pull;
     for (const std::string& s : remoteSources ? std::vector<std::string>{target} : sources) {
-        if (looksRemote(s)) return name + ": '" + s + "' names a remote path where a local one goes";
+        if (looksRemote(s))
+            return name + ": '" + s + "' names a remote path where a local one goes";
     }
     for (const std::string& s : remoteSources ? sources : std::vector<std::string>{target}) {
         std::string error = addRemote(s, o);
@@ -152,8 +153,8 @@ std::string checkTree(const Arguments& a, Options& o) {
     t.matchDir = joinPatterns(a.matchDir);
     t.excludeDir = joinPatterns(a.excludeDir);
     if (!o.isTree()) {
-        bool filters = !a.match.empty() || !a.exclude.empty() || !a.matchDir.empty() ||
-                       !a.excludeDir.empty();
+        bool filters =
+            !a.match.empty() || !a.exclude.empty() || !a.matchDir.empty() || !a.excludeDir.empty();
         if (!a.mode.empty() || a.noRecurse || a.dryRun || filters) {
             return "--mode, --no-recurse, --dry-run and the --match/--exclude filters apply to "
                    "push and pull";

@@ -6,6 +6,7 @@
 #include "cli/Arguments.h"
 #include "cli/ExitStatus.h"
 #include "cli/HelpText.h"
+#include "cli/SafeText.h"
 
 #ifndef SCPKIT_VERSION
 #define SCPKIT_VERSION "unknown"
@@ -68,8 +69,7 @@ void declareTreeOptions(CLI::App& app, Arguments& a) {
     app.add_option("--mode", a.mode, "What to copy: a mode name (below) or number; default all")
         ->group(g)
         ->type_name("MODE");
-    app.add_flag("--no-recurse", a.noRecurse, "Only the files directly in the directory")
-        ->group(g);
+    app.add_flag("--no-recurse", a.noRecurse, "Only the files directly in the directory")->group(g);
     app.add_flag("-n,--dry-run", a.dryRun, "List what would be copied; copy and create nothing")
         ->group(g);
     addList(app, "--match", a.match, "Copy only files whose names match (a;b)", g, "PATTERNS");
@@ -82,8 +82,7 @@ void declareTreeOptions(CLI::App& app, Arguments& a) {
 
 void declareTransferOptions(CLI::App& app, Arguments& a) {
     const std::string g = "Transfer";
-    addList(app, "--env", a.env, "Set NAME=VALUE in the remote scp's environment", g,
-            "NAME=VALUE");
+    addList(app, "--env", a.env, "Set NAME=VALUE in the remote scp's environment", g, "NAME=VALUE");
     app.add_option("--chmod", a.chmod, "Give uploaded files these octal permissions (e.g. 0640)")
         ->group(g)
         ->type_name("OCTAL");
@@ -136,7 +135,8 @@ ParseResult usageError(const std::string& message) {
     ParseResult r;
     r.kind = ParseResult::Exit;
     r.exitStatus = kExitUsage;
-    r.err = "scpkit: " + message + "\nRun 'scpkit --help' for usage.\n";
+    // The line may quote an argument: it is shown, never obeyed, by a terminal.
+    r.err = "scpkit: " + stripControlChars(message) + "\nRun 'scpkit --help' for usage.\n";
     return r;
 }
 

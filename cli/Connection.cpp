@@ -7,8 +7,8 @@
 #include <scpkit/base/XString.h>
 #include <scpkit/ssh/ClsSsh.h>
 #include "cli/CallLog.h"
-#include "cli/ExitStatus.h"
 #include "cli/ErrorLine.h"
+#include "cli/ExitStatus.h"
 #include "cli/PasswordPrompt.h"
 #include "cli/SafeText.h"
 
@@ -134,7 +134,8 @@ int connectAndLogin(ClsSsh& ssh, const Options& options, CallLog& callLog, std::
     }
     // Standard input carries the data of "put -": never prompt on it.
     bool canPrompt = isatty(0) && !options.readsStdin();
-    bool loggedIn = logIn(ssh, o, {userName, server.host, passphrase, password, canPrompt}, callLog);
+    bool loggedIn =
+        logIn(ssh, o, {userName, server.host, passphrase, password, canPrompt}, callLog);
     if (!loggedIn) {
         message = "authentication failed for " + stripControlChars(userName) + " at " + where +
                   reasonOf(ssh);

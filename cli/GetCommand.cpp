@@ -13,9 +13,9 @@
 #include "cli/ErrorLine.h"
 #include "cli/ExitStatus.h"
 #include "cli/FileList.h"
-#include "cli/ProgressBar.h"
 #include "cli/Interrupt.h"
 #include "cli/LocalFiles.h"
+#include "cli/ProgressBar.h"
 #include "cli/RemoteGlob.h"
 #include "cli/RemoteShell.h"
 #include "cli/SafeText.h"
@@ -116,7 +116,9 @@ class GetCommand : public CommandRun {
         XString remote(remotePath.c_str());
         bool ok = scp.DownloadBinary(remote, data, &s.watch);
         s.record(scp);
-        if (!ok) return interruptRequested() ? Outcome::Interrupted : failed(s, scp, remotePath, Wanted::File);
+        if (!ok)
+            return interruptRequested() ? Outcome::Interrupted
+                                        : failed(s, scp, remotePath, Wanted::File);
         s.bar.clear();
         if (!writeAll(1, data.getData2(), data.getSize())) {
             printError(std::string("cannot write standard output: ") + std::strerror(errno));

@@ -36,8 +36,8 @@ void ProgressBar::redraw() {
     double t = now();
     if (m_lastDraw >= 0 && t - m_lastDraw < kRedrawInterval) return;
     m_lastDraw = t;
-    std::string line = renderProgressLine(m_meter.snapshot(t), stripControlChars(m_label),
-                                          terminalWidth(m_fd));
+    std::string line =
+        renderProgressLine(m_meter.snapshot(t), stripControlChars(m_label), terminalWidth(m_fd));
     writeAll("\r" + line + "\x1b[K");
     m_drawn = true;
 }

@@ -9,11 +9,13 @@ namespace scpkit::cli {
 
 namespace {
 
-// Field widths: "1023KiB", "~1023KiB", "1023KiB/s", "1:02:03".
+// Field widths: "1023KiB", "~1023KiB", "1023KiB/s", "99:59:59" (a longer
+// wait shows as that).
 constexpr int kBytesWidth = 7;
 constexpr int kTotalWidth = 8;
 constexpr int kRateWidth = 9;
-constexpr int kTimeWidth = 7;
+constexpr int kTimeWidth = 8;
+constexpr double kLongestTimeShown = 99 * 3600 + 59 * 60 + 59;
 // Room always kept for the label, so the bar keeps its width from file to file.
 constexpr size_t kLabelRoom = 24;
 
@@ -84,7 +86,7 @@ void ProgressMeter::observeDone(int64_t bytes) {
     __int128 scaled = static_cast<__int128>(bytes) * m_scale;
     int64_t low = 0, high = INT64_MAX;
     if (m_units >= m_scale) {
-        high = bytes;
+        low = high = bytes;  // the library never counts past the total
     } else if (m_units == 0) {
         low = saturate(scaled + 1);
     } else {
@@ -119,7 +121,8 @@ ProgressSnapshot ProgressMeter::snapshot(double now) const {
             total = std::clamp(saturate(estimate), m_low, m_high);
         }
         s.totalBytes = total;
-        s.totalEstimated = m_low != m_high;
+        // Estimated while the bounds would print differently.
+        s.totalEstimated = formatBytes(m_low) != formatBytes(m_high);
         s.doneBytes = std::llround(s.fraction * static_cast<double>(total));
     }
     if (m_observedAtUnits == m_units && m_observedDone >= 0) s.doneBytes = m_observedDone;
@@ -169,14 +172,15 @@ std::string renderProgressLine(const ProgressSnapshot& s, const std::string& lab
         return padLeft(known ? text : "", w);
     };
     std::string total = (s.totalEstimated ? "~" : "") + formatBytes(s.totalBytes);
-    std::string figures = " " + field(s.doneBytes >= 0, formatBytes(s.doneBytes), kBytesWidth) +
-                          (s.totalBytes >= 0 ? " / " : "   ") +
-                          field(s.totalBytes >= 0, total, kTotalWidth) + " " +
-                          field(s.bytesPerSecond >= 0,
-                                formatBytes(std::llround(s.bytesPerSecond)) + "/s", kRateWidth) +
-                          " " +
-                          field(s.secondsLeft >= 0, formatDuration(s.secondsLeft), kTimeWidth) +
-                          (s.secondsLeft >= 0 ? " left" : "     ");
+    std::string figures =
+        " " + field(s.doneBytes >= 0, formatBytes(s.doneBytes), kBytesWidth) +
+        (s.totalBytes >= 0 ? " / " : "   ") + field(s.totalBytes >= 0, total, kTotalWidth) + " " +
+        field(s.bytesPerSecond >= 0, formatBytes(std::llround(s.bytesPerSecond)) + "/s",
+              kRateWidth) +
+        " " +
+        field(s.secondsLeft >= 0, formatDuration(std::min(s.secondsLeft, kLongestTimeShown)),
+              kTimeWidth) +
+        (s.secondsLeft >= 0 ? " left" : "     ");
 
     // Room is given out in order of usefulness: percent, figures, bar, label.
     const size_t room = static_cast<size_t>(width) - 1;  // the last column stays free: no wrap
@@ -195,8 +199,7 @@ std::string renderProgressLine(const ProgressSnapshot& s, const std::string& lab
     return line;
 }
 
-std::string renderFinishedLine(const std::string& label, int64_t bytes, double seconds,
-                               int width) {
+std::string renderFinishedLine(const std::string& label, int64_t bytes, double seconds, int width) {
     std::string rate =
         seconds > 0 ? formatBytes(std::llround(static_cast<double>(bytes) / seconds)) + "/s" : "";
     std::string right = " 100% " + padLeft(formatBytes(bytes), kBytesWidth) + "  " +

@@ -5,7 +5,8 @@
 // every moment at which the bytes done are known exactly (the size of the
 // file growing on disk, the files finished in a tree) narrows the total down:
 // units = floor(done * scale / total) bounds it from both sides, and with a
-// fine scale a few such moments pin it to the byte.
+// fine scale a few such moments pin it down, to the byte for files below
+// 2 GiB and to the precision it is shown with for larger ones.
 #pragma once
 
 #include <cstdint>
@@ -65,7 +66,6 @@ std::string formatDuration(double seconds);
 std::string renderProgressLine(const ProgressSnapshot& s, const std::string& label, int width);
 
 // The line left behind for a finished file: its name, size, rate and time.
-std::string renderFinishedLine(const std::string& label, int64_t bytes, double seconds,
-                               int width);
+std::string renderFinishedLine(const std::string& label, int64_t bytes, double seconds, int width);
 
 }  // namespace scpkit::cli

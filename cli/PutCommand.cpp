@@ -90,7 +90,8 @@ class PutCommand : public CommandRun {
         } else if (kind == RemotePathKind::Directory) {
             reason = "it is a directory on the server; name the file to write";
         } else if (kind == RemotePathKind::MissingParent) {
-            reason = "no such directory on the server: " + stripControlChars(remoteParent(remotePath));
+            reason =
+                "no such directory on the server: " + stripControlChars(remoteParent(remotePath));
         }
         printError("put " + stripControlChars(file) + " to " + stripControlChars(remotePath) +
                    " failed" + (reason.empty() ? "" : ": " + reason) + s.logHint());
@@ -102,8 +103,8 @@ class PutCommand : public CommandRun {
         s.configure(scp);
         XString remote(remotePath.c_str());
         std::string label = baseName(m_o.readsStdin() ? remotePath : file);
-        int64_t size = m_o.readsStdin() ? static_cast<int64_t>(m_stdinData.getSize())
-                                        : regularFileSize(file);
+        int64_t size =
+            m_o.readsStdin() ? static_cast<int64_t>(m_stdinData.getSize()) : regularFileSize(file);
         s.watch.startFile(label, size, {});
         bool ok;
         if (m_o.readsStdin()) {

@@ -13,7 +13,7 @@ int64_t RateLimit::delayMs(int64_t doneBytes, double now) {
     }
     double due = static_cast<double>(doneBytes - m_originBytes) / static_cast<double>(m_rate);
     double ahead = due - (now - m_originTime);
-    return ahead > 0 ? static_cast<int64_t>(std::ceil(ahead * 1000)) : 0;
+    return ahead > 0 ? static_cast<int64_t>(std::ceil(ahead * 1000 - 1e-6)) : 0;
 }
 
 }  // namespace scpkit::cli

@@ -94,8 +94,10 @@ RemotePathKind probeRemotePath(ClsSsh& ssh, const std::string& path) {
     // Through sh: the login shell may not be a POSIX one.
     RemoteRun run = runRemote(ssh, "probeRemotePath", "sh -c " + shellQuotePath(command));
     const std::pair<const char*, RemotePathKind> words[] = {
-        {"directory\n", RemotePathKind::Directory}, {"file\n", RemotePathKind::File},
-        {"other\n", RemotePathKind::Other},         {"missing\n", RemotePathKind::Missing},
+        {"directory\n", RemotePathKind::Directory},
+        {"file\n", RemotePathKind::File},
+        {"other\n", RemotePathKind::Other},
+        {"missing\n", RemotePathKind::Missing},
         {"noparent\n", RemotePathKind::MissingParent}};
     for (const auto& [word, kind] : words) {
         if (run.ran && run.out == word) return kind;

@@ -13,7 +13,7 @@ namespace scpkit::cli {
 
 namespace {
 
-constexpr int64_t kDirectoryUnits = 100;  // what the library counts per directory
+constexpr int64_t kDirectoryUnits = 100;      // what the library counts per directory
 constexpr int64_t kLongestWaitSliceMs = 100;  // how soon a signal ends a wait
 
 int64_t fileSize(const std::string& path) {
@@ -90,7 +90,8 @@ void TransferWatch::OnPoll(bool& abort) {
 int64_t TransferWatch::bytesMoved() const {
     if (!m_tree) return m_bytesDone ? m_bytesDone() : m_bar.meter().doneBytes();
     if (m_direction == TreeDirection::Upload) return m_bar.meter().doneBytes();
-    int64_t current = m_unfinishedLocal.empty() ? 0 : std::max<int64_t>(0, fileSize(m_unfinishedLocal));
+    int64_t current =
+        m_unfinishedLocal.empty() ? 0 : std::max<int64_t>(0, fileSize(m_unfinishedLocal));
     return m_finishedBytes + current;
 }
 
@@ -132,7 +133,8 @@ void TransferWatch::onDownloadEvent(const std::string& event, const std::string&
         m_fileStart = m_bar.now();
         m_bar.setLabel(value);
     } else if (event == "scp-localfile-created") {
-        std::string relative = m_currentRelative.empty() ? relativeToRoot(value) : m_currentRelative;
+        std::string relative =
+            m_currentRelative.empty() ? relativeToRoot(value) : m_currentRelative;
         m_unfinishedLocal.clear();
         m_currentRelative.clear();
         setPartialLocalFile("");

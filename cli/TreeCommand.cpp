@@ -8,9 +8,9 @@
 #include "cli/ErrorLine.h"
 #include "cli/ExitStatus.h"
 #include "cli/FileList.h"
-#include "cli/ProgressBar.h"
 #include "cli/Interrupt.h"
 #include "cli/LocalFiles.h"
+#include "cli/ProgressBar.h"
 #include "cli/RemoteShell.h"
 #include "cli/SafeText.h"
 #include "cli/Session.h"
@@ -19,6 +19,10 @@
 namespace scpkit::cli {
 
 namespace {
+
+// The library copies nothing under "DryRun" only once it knows the keyword;
+// until then a dry run would be a real one, so the program refuses it.
+constexpr bool kLibraryKnowsDryRun = false;
 
 // Upload modes that copy a file missing on the server (all but 3,
 // newer-existing): against a missing directory they copy everything.
@@ -34,6 +38,10 @@ class TreeCommand : public CommandRun {
           m_remoteRoot(o.server().path.empty() ? "." : o.server().path) {}
 
     int prepare() override {
+        if (m_o.tree.dryRun && !kLibraryKnowsDryRun) {
+            printError("--dry-run is not available with this build of the library");
+            return kExitUsage;
+        }
         if (m_o.command == Command::Push && !isDirectory(m_localRoot)) {
             printError("not a directory: " + stripControlChars(m_o.local.front()));
             return kExitTransferFailed;
