@@ -6,6 +6,8 @@
 //     get REMOTE LOCAL             DownloadFile
 //     put-memory LOCAL REMOTE      UploadBinary of LOCAL's bytes (read before connecting)
 //     get-memory REMOTE            DownloadBinary; the bytes are counted and dropped
+//     get-bd REMOTE                DownloadBd into a ClsBinData, likewise
+//     get-string REMOTE CHARSET    DownloadString, likewise
 //     tree-up MODE LOCAL REMOTE    SyncTreeUpload, recursive
 //     tree-down MODE REMOTE LOCAL  SyncTreeDownload, recursive
 //     round-trips N                N one-byte exchanges with a remote `cat` on one
@@ -13,6 +15,8 @@
 //   options: --host H (127.0.0.1) --port N --user U --key FILE --known-hosts FILE
 //            --cipher LIST --elapsed-file FILE (writes the seconds from connecting
 //            to the end of the transfer, without loading or dropping local data)
+//            --verify (the in-memory downloads: after the clock stops, compare the
+//            bytes with REMOTE read as a local file; the server is this machine)
 #include <pwd.h>
 #include <unistd.h>
 
@@ -24,6 +28,7 @@
 #include <string>
 #include <vector>
 
+#include <scpkit/base/ClsBinData.h>
 #include <scpkit/base/DataBuffer.h>
 #include <scpkit/base/LogBase.h>
 #include <scpkit/base/Progress.h>
@@ -43,15 +48,17 @@ struct Options {
     std::string knownHosts;
     std::string cipher;
     std::string elapsedFile;
+    bool verify = false;
     std::vector<std::string> args;  // the command and its arguments
 };
 
 int usage() {
     std::fprintf(stderr,
                  "usage: scpkit_bench [--host H] [--port N] [--user U] --key FILE\n"
-                 "         --known-hosts FILE [--cipher LIST] [--elapsed-file FILE]\n"
+                 "         --known-hosts FILE [--cipher LIST] [--elapsed-file FILE] [--verify]\n"
                  "         put LOCAL REMOTE | get REMOTE LOCAL | put-memory LOCAL REMOTE |\n"
-                 "         get-memory REMOTE | tree-up MODE LOCAL REMOTE |\n"
+                 "         get-memory REMOTE | get-bd REMOTE | get-string REMOTE CHARSET |\n"
+                 "         tree-up MODE LOCAL REMOTE |\n"
                  "         tree-down MODE REMOTE LOCAL | round-trips N\n");
     return 2;
 }
@@ -80,6 +87,8 @@ bool parse(int argc, char** argv, Options& o) {
             if (!value(o.cipher)) return false;
         } else if (a == "--elapsed-file") {
             if (!value(o.elapsedFile)) return false;
+        } else if (a == "--verify") {
+            o.verify = true;
         } else {
             o.args.assign(argv + i, argv + argc);
             break;
@@ -153,19 +162,85 @@ bool roundTrips(ClsSsh& ssh, long n) {
     return true;
 }
 
-int run(const Options& o) {
+// What the in-memory downloads received; they are checked after the clock stops.
+struct Received {
+    DataBuffer bytes;  // get-memory, and put-memory's source
+    ClsBinData bd;     // get-bd
+    XString text;      // get-string
+
+    const char* data(const std::string& cmd) {
+        if (cmd == "get-bd") return reinterpret_cast<const char*>(bd.getDataBuffer().getData2());
+        if (cmd == "get-string") return text.getUtf8();
+        return reinterpret_cast<const char*>(bytes.getData2());
+    }
+    size_t size(const std::string& cmd) {
+        if (cmd == "get-bd") return bd.getDataBuffer().getSize();
+        if (cmd == "get-string") return text.getSizeUtf8();
+        return bytes.getSize();
+    }
+};
+
+// One library call; returns the process's exit status.
+int transfer(ClsScp& scp, ClsSsh& ssh, const Options& o, Received& got) {
     const std::string& cmd = o.args[0];
     const size_t argc = o.args.size();
     auto arg = [&](size_t i) { return XString(o.args[i].c_str()); };
+    auto mode = [&](size_t i) { return std::atoi(o.args[i].c_str()); };
+    const bool recurse = true;
+    if (cmd == "put" && argc == 3) {
+        XString local = arg(1), remote = arg(2);
+        return scp.UploadFile(local, remote) ? 0 : failWith(scp, "UploadFile");
+    } else if (cmd == "get" && argc == 3) {
+        XString remote = arg(1), local = arg(2);
+        return scp.DownloadFile(remote, local) ? 0 : failWith(scp, "DownloadFile");
+    } else if (cmd == "put-memory" && argc == 3) {
+        XString remote = arg(2);
+        return scp.UploadBinary(remote, got.bytes) ? 0 : failWith(scp, "UploadBinary");
+    } else if (cmd == "get-memory" && argc == 2) {
+        XString remote = arg(1);
+        return scp.DownloadBinary(remote, got.bytes) ? 0 : failWith(scp, "DownloadBinary");
+    } else if (cmd == "get-bd" && argc == 2) {
+        XString remote = arg(1);
+        return scp.DownloadBd(remote, got.bd) ? 0 : failWith(scp, "DownloadBd");
+    } else if (cmd == "get-string" && argc == 3) {
+        XString remote = arg(1), charset = arg(2);
+        return scp.DownloadString(remote, charset, got.text) ? 0 : failWith(scp, "DownloadString");
+    } else if (cmd == "tree-up" && argc == 4) {
+        XString local = arg(2), remote = arg(3);
+        return scp.SyncTreeUpload(local, remote, mode(1), recurse)
+                   ? 0
+                   : failWith(scp, "SyncTreeUpload");
+    } else if (cmd == "tree-down" && argc == 4) {
+        XString remote = arg(2), local = arg(3);
+        return scp.SyncTreeDownload(remote, local, mode(1), recurse)
+                   ? 0
+                   : failWith(scp, "SyncTreeDownload");
+    } else if (cmd == "round-trips" && argc == 2) {
+        return roundTrips(ssh, std::atol(o.args[1].c_str())) ? 0 : failWith(ssh, "round trips");
+    }
+    return usage();
+}
 
+// Compares what an in-memory download received with the file it came from.
+bool sameAsFile(const char* data, size_t size, const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::vector<char> chunk(1 << 20);
+    size_t offset = 0;
+    while (in.read(chunk.data(), static_cast<std::streamsize>(chunk.size())) || in.gcount() > 0) {
+        size_t n = static_cast<size_t>(in.gcount());
+        if (offset + n > size || std::memcmp(data + offset, chunk.data(), n) != 0) return false;
+        offset += n;
+    }
+    return in.eof() && offset == size;
+}
+
+int run(const Options& o) {
+    const std::string& cmd = o.args[0];
+    Received got;
     // Local data for the in-memory upload is loaded before the clock starts.
-    DataBuffer memory;
-    if (cmd == "put-memory") {
-        if (argc != 3) return usage();
-        if (!readWholeFile(o.args[1], memory)) {
-            std::fprintf(stderr, "scpkit_bench: cannot read %s\n", o.args[1].c_str());
-            return 1;
-        }
+    if (cmd == "put-memory" && o.args.size() == 3 && !readWholeFile(o.args[1], got.bytes)) {
+        std::fprintf(stderr, "scpkit_bench: cannot read %s\n", o.args[1].c_str());
+        return 1;
     }
 
     auto started = std::chrono::steady_clock::now();
@@ -179,46 +254,27 @@ int run(const Options& o) {
 
     ClsScp scp;
     if (!scp.UseSsh(*ssh)) return failWith(scp, "UseSsh");
-    int status = 0;
-    if (cmd == "put" && argc == 3) {
-        XString local = arg(1), remote = arg(2);
-        if (!scp.UploadFile(local, remote)) status = failWith(scp, "UploadFile");
-    } else if (cmd == "get" && argc == 3) {
-        XString remote = arg(1), local = arg(2);
-        if (!scp.DownloadFile(remote, local)) status = failWith(scp, "DownloadFile");
-    } else if (cmd == "put-memory") {
-        XString remote = arg(2);
-        if (!scp.UploadBinary(remote, memory)) status = failWith(scp, "UploadBinary");
-    } else if (cmd == "get-memory" && argc == 2) {
-        XString remote = arg(1);
-        if (!scp.DownloadBinary(remote, memory)) status = failWith(scp, "DownloadBinary");
-    } else if (cmd == "tree-up" && argc == 4) {
-        XString local = arg(2), remote = arg(3);
-        if (!scp.SyncTreeUpload(local, remote, std::atoi(o.args[1].c_str()), true))
-            status = failWith(scp, "SyncTreeUpload");
-    } else if (cmd == "tree-down" && argc == 4) {
-        XString remote = arg(2), local = arg(3);
-        if (!scp.SyncTreeDownload(remote, local, std::atoi(o.args[1].c_str()), true))
-            status = failWith(scp, "SyncTreeDownload");
-    } else if (cmd == "round-trips" && argc == 2) {
-        if (!roundTrips(*ssh, std::atol(o.args[1].c_str()))) status = failWith(*ssh, "round trips");
-    } else {
-        return usage();
-    }
+    int status = transfer(scp, *ssh, o, got);
     ssh->Disconnect();
     double elapsed =
         std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+    if (status != 0) return status;
 
-    if (status == 0 && !o.elapsedFile.empty()) {
+    if (!o.elapsedFile.empty()) {
         if (FILE* f = std::fopen(o.elapsedFile.c_str(), "w")) {
             std::fprintf(f, "%.6f\n", elapsed);
             std::fclose(f);
         }
     }
-    if (status == 0 && cmd == "get-memory") {
-        std::printf("%zu bytes\n", memory.getSize());
+    if (cmd.rfind("get-", 0) == 0) {
+        if (o.verify && !sameAsFile(got.data(cmd), got.size(cmd), o.args[1])) {
+            std::fprintf(stderr, "scpkit_bench: %s received bytes that differ from %s\n",
+                         cmd.c_str(), o.args[1].c_str());
+            return 1;
+        }
+        std::printf("%zu bytes\n", got.size(cmd));
     }
-    return status;
+    return 0;
 }
 
 }  // namespace

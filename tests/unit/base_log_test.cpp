@@ -1,8 +1,16 @@
-// The log tree: one tree per top-level call, the debug file, and a call
-// longer than the entry budget keeping its beginning, its end, every error,
-// its own data items and its outcome. The first error and the items around
-// it are kept apart for the program's one-line message.
+// What a call leaves for the application. The log tree: one tree per
+// top-level call, the debug file, and a call longer than the entry budget
+// keeping its beginning, its end, every error, its own data items and its
+// outcome; the first error and the items around it, kept apart for the
+// program's one-line message. Progress: percent arithmetic, polling, abort.
+#include <chrono>
+#include <limits>
+#include <thread>
+#include <tuple>
+#include <vector>
+
 #include <scpkit/base/ClsBase.h>
+#include <scpkit/base/Progress.h>
 #include <scpkit/base/StringBuffer.h>
 #include "tests/support/ScpTestHelpers.h"
 
@@ -75,10 +83,8 @@ TEST(Log, AHugeCallRendersBoundedTextWithItsBeginningEndAndErrors) {
     {
         LogContextExitor call(obj, "SyncTreeDownload");
         obj.m_log.LogData("localDirRoot", "/first");
-        for (int i = 0; i < 100000; ++i) {
-            LogContextExitor file(obj.m_log, "file");
+        for (int i = 0; i < 100000; ++i)
             step(obj.m_log, std::to_string(i), i == 50000 ? "error in the middle" : nullptr);
-        }
         obj.m_log.LogData("lastTopLevelItem", "kept");
         obj.logSuccessFailure(true);
     }
@@ -89,42 +95,78 @@ TEST(Log, AHugeCallRendersBoundedTextWithItsBeginningEndAndErrors) {
         EXPECT_NE(text.find(kept), std::string::npos) << kept;
     EXPECT_EQ(text.find("n: 40000"), std::string::npos);
     EXPECT_EQ(occurrences(text, "log entries left out"), 1);
-    EXPECT_EQ(occurrences(text, "file:"), occurrences(text, "--file"));
     EXPECT_EQ(occurrences(text, "step:"), occurrences(text, "--step"));
-    std::string first = "error in the middle|SyncTreeDownload/file/step|";
+    std::string first = "error in the middle|SyncTreeDownload/step|";
     for (int i = 50000; i <= 50016; ++i) first += "n=" + std::to_string(i) + ";";  // 1 + 16
     EXPECT_EQ(summary(obj), first);
 }
 
 // A remote error text is a data item, not an error line: a call that fails
 // with only that still has a first error, whose items hold it.
-TEST(Log, FirstErrorIsTheFirstErrorLineOrTheFailedOutcomeOfEachCall) {
-    const std::string remote = "errorResponse=scp: /r: No such file\n;";
-    const std::pair<int, std::string> cases[] = {
-        {0, "none"},  // a call that succeeds
-        {1, "receiveFile returned failure.|DownloadFile/receiveFileInfo|pad=;" + remote +
-                "after=;late=;"},  // before it, only what its own context logged
-        {2, "|DownloadFile|pad=;pad=;pad=;pad=;pad=;" + remote + "after=;late=;"}};
+TEST(Log, AFailureWithoutAnErrorLineHasAFirstErrorAndEachCallStartsAfresh) {
     PlainObject obj;
-    _vqLogger& log = obj.m_log;
-    for (const auto& [failure, expected] : cases) {
+    for (bool ok : {false, true}) {
         LogContextExitor call(obj, "DownloadFile");
-        log.LogData("remotePath", "/r");
         {
-            LogContextExitor unrelated(log, "setEnvironmentVars");
-            log.LogData("envName", "A");
+            LogContextExitor recv(obj, "receiveFileInfo");
+            for (int i = 0; i < 8; ++i) obj.m_log.LogData("pad", "");
+            obj.m_log.LogData("errorResponse", "scp: /r: No such file\n");
         }
-        {
-            LogContextExitor recv(log, "receiveFileInfo");
-            for (int i = 0; i < 4 * failure - 3; ++i) log.LogData("pad", "");
-            log.LogData("errorResponse", "scp: /r: No such file\n");
-            if (failure == 1) log.LogError("receiveFile returned failure.");
-            log.LogData("after", "");
-        }
-        log.LogData("late", "");
-        obj.logSuccessFailure(failure == 0);
-        EXPECT_EQ(summary(obj), expected);
+        obj.logSuccessFailure(ok);
+        EXPECT_EQ(summary(obj), ok ? "none"
+                                   : "|DownloadFile|pad=;pad=;pad=;pad=;pad=;pad=;pad=;"
+                                     "errorResponse=scp: /r: No such file\n;");  // the last 8
     }
+}
+
+struct Recorder : ProgressEvent {
+    void OnPercent(int percent, bool&) override { percents.push_back(percent); }
+    void OnPoll(bool& abort) override { abort = ++polls > 0 && abortOnPoll; }
+    std::vector<int> percents;
+    int polls = 0;
+    bool abortOnPoll = false;
+};
+
+TEST(ProgressMonitor, PercentFiresOnEveryChangeOfTheScaledValue) {
+    constexpr int64_t kHuge = std::numeric_limits<int64_t>::max();
+    const int64_t kReset = -1000, kRemaining = -2000;  // steps that are not amounts
+    const std::tuple<unsigned, int64_t, std::vector<int64_t>, std::vector<int>> cases[] = {
+        {100, 3, {1, 1, 1}, {33, 66, 100}},
+        {1000, 3, {1, 1, kRemaining}, {333, 666, 1000}},
+        {0, 4, {1}, {25}},  // no scale: percent
+        {100, kHuge, {kHuge / 2, kHuge / 4, kRemaining}, {49, 74, 100}},
+        {100, 10, {-5, 5, 99}, {0, 50, 100}},                     // never past the total
+        {100, 100, {50, kReset, 25, kRemaining}, {50, 50, 100}},  // reset: a new phase of 50
+    };
+    for (const auto& [scale, total, steps, expected] : cases) {
+        Recorder rec;
+        ProgressMonitorPtr ptr(&rec, 0, scale, total);
+        ProgressMonitor& pm = *ptr.getPm();
+        for (int64_t step : steps) {
+            if (step == kReset) pm.progressReset(50, nullptr);
+            if (step == kRemaining) pm.consumeRemaining(nullptr);
+            EXPECT_FALSE(step > kReset && pm.consumeProgress(step, nullptr));
+            EXPECT_LE(pm.done(), pm.total());
+        }
+        EXPECT_EQ(rec.percents, expected) << scale << " of " << total;
+    }
+    EXPECT_EQ(ProgressMonitorPtr(nullptr, 0, 100, 10).getPm(), nullptr);
+}
+
+// An interval of 0 never polls; an abort is sticky and logged once.
+TEST(ProgressMonitor, PollsAfterTheIntervalAbortIsStickyAndLoggedOnce) {
+    Recorder rec;
+    rec.abortOnPoll = true;
+    ProgressMonitor never(&rec, 0, 100, 10), polled(&rec, 1, 100, 10);
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    _vqLogger log;
+    SocketParams sp(&polled);
+    EXPECT_FALSE(never.abortCheck(nullptr) || SocketParams(nullptr).spAbortCheck(log));
+    EXPECT_TRUE(sp.spAbortCheck(log) && rec.polls == 1);
+    rec.abortOnPoll = false;
+    polled.progressReset(10, nullptr);
+    EXPECT_TRUE(sp.spAbortCheck(log) && polled.consumeProgress(1, nullptr));
+    EXPECT_EQ(renderedLog(log), "Operation aborted by the application.\n");
 }
 
 }  // namespace
