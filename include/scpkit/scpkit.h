@@ -1,4 +1,6 @@
 // scpkit: everything an application needs in one include.
+// The headers reached from here are the installed API, and the only ones
+// installed: a header included here or from one of them becomes public.
 #pragma once
 
 #include <scpkit/base/ClsBinData.h>
