@@ -13,6 +13,11 @@ CallLog::~CallLog() {
     if (m_file) std::fclose(m_file);
 }
 
+std::string CallLog::hint() const {
+    if (enabled()) return " (full log in " + m_path + ")";
+    return " (run again with --log FILE for the full log)";
+}
+
 void CallLog::record(ClsBase& object) {
     if (!m_file) return;
     XString text;

@@ -23,6 +23,9 @@ class CallLog {
     bool ok() const { return m_path.empty() || m_file != nullptr; }
     const std::string& path() const { return m_path; }
 
+    // What a failure line adds: where the full log is, or how to get one.
+    std::string hint() const;
+
     // Appends the object's log of its last call.
     void record(ClsBase& object);
 

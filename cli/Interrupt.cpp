@@ -1,47 +1,73 @@
 #include "cli/Interrupt.h"
 
+#include <limits.h>
 #include <unistd.h>
 #include <csignal>
+#include <cstring>
 
 namespace scpkit::cli {
 
 namespace {
 
-volatile sig_atomic_t g_interrupts = 0;
+const int kSignals[] = {SIGINT, SIGTERM, SIGHUP};
+
+volatile sig_atomic_t g_firstSignal = 0;
+volatile sig_atomic_t g_count = 0;
 volatile sig_atomic_t g_abortable = 0;
 volatile sig_atomic_t g_haveTerminal = 0;
+volatile sig_atomic_t g_havePartial = 0;
 int g_terminalFd = -1;
 struct termios g_terminalSettings;
+char g_partial[PATH_MAX + 1];
 
-void onInterrupt(int) {
-    g_interrupts = g_interrupts + 1;
-    if (g_abortable && g_interrupts == 1) return;
+void onSignal(int sig) {
+    if (g_firstSignal == 0) g_firstSignal = sig;
+    g_count = g_count + 1;
+    if (g_abortable && g_count == 1) return;
+    if (g_havePartial) ::unlink(g_partial);
     if (g_haveTerminal) tcsetattr(g_terminalFd, TCSANOW, &g_terminalSettings);
     // Die of the signal itself, so the parent sees what happened.
-    std::signal(SIGINT, SIG_DFL);
-    std::raise(SIGINT);
+    std::signal(sig, SIG_DFL);
+    std::raise(sig);
 }
 
 }  // namespace
 
-void installInterruptHandler() {
-    // A shell that starts a job in the background ignores SIGINT for it;
-    // that choice stands.
-    struct sigaction old {};
-    if (sigaction(SIGINT, nullptr, &old) == 0 && old.sa_handler == SIG_IGN) return;
-    struct sigaction sa {};
-    sa.sa_handler = onInterrupt;
-    sigemptyset(&sa.sa_mask);
-    sa.sa_flags = 0;  // no SA_RESTART: a blocked read of the password returns
-    sigaction(SIGINT, &sa, nullptr);
+void installSignalHandlers() {
+    // Writing the list into a pipe whose reader has gone must not kill a
+    // transfer halfway; the failed write is reported instead.
+    std::signal(SIGPIPE, SIG_IGN);
+    for (int sig : kSignals) {
+        // A shell that starts a job in the background ignores SIGINT for it,
+        // nohup ignores SIGHUP: those choices stand.
+        struct sigaction old {};
+        if (sigaction(sig, nullptr, &old) == 0 && old.sa_handler == SIG_IGN) continue;
+        struct sigaction sa {};
+        sa.sa_handler = onSignal;
+        sigemptyset(&sa.sa_mask);
+        for (int other : kSignals) sigaddset(&sa.sa_mask, other);
+        sa.sa_flags = 0;  // no SA_RESTART: a blocked read of the password returns
+        sigaction(sig, &sa, nullptr);
+    }
 }
 
 bool interruptRequested() {
-    return g_interrupts > 0;
+    return g_count > 0;
+}
+
+int interruptSignal() {
+    return g_firstSignal;
 }
 
 void setInterruptAbortable(bool abortable) {
     g_abortable = abortable ? 1 : 0;
+}
+
+void setPartialLocalFile(const std::string& path) {
+    g_havePartial = 0;
+    if (path.empty() || path.size() > PATH_MAX) return;
+    std::memcpy(g_partial, path.c_str(), path.size() + 1);
+    g_havePartial = 1;
 }
 
 void rememberTerminalSettings(int fd, const struct termios& settings) {

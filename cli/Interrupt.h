@@ -1,15 +1,26 @@
-// Ctrl-C. While a transfer that can stop cleanly runs, the first SIGINT only
-// raises a flag that the progress callback turns into the library's abort;
-// a second one, or one at any other time, ends the program at once.
+// SIGINT, SIGTERM and SIGHUP. While a transfer that can stop cleanly runs,
+// the first signal only raises a flag that the progress callback turns into
+// the library's abort; the program then cleans up and exits with 128 plus
+// the signal's number. A second signal, or one at any other time (while
+// connecting, say), ends the program at once, removing the local file
+// registered as partly written first.
 #pragma once
 
 #include <termios.h>
 
+#include <string>
+
 namespace scpkit::cli {
 
-void installInterruptHandler();
+void installSignalHandlers();
 bool interruptRequested();
+// The first signal received; 0 when none was.
+int interruptSignal();
 void setInterruptAbortable(bool abortable);
+
+// The local file being written, which must not outlive the program; empty
+// to forget it.
+void setPartialLocalFile(const std::string& path);
 
 // The terminal settings to put back if the program ends while a password is
 // read without echo.

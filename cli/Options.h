@@ -1,7 +1,9 @@
-// The command line: four commands (put, get, push, pull) and the options
-// that map to the properties of the SSH object and the SCP component.
+// What one run of the program is asked to do, checked and ready to use: the
+// command, its paths, and the settings grouped by the part of the program
+// that applies them.
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -12,54 +14,64 @@ namespace scpkit::cli {
 enum class Command { Put, Get, Push, Pull };
 enum class ProgressChoice { Auto, Always, Never };
 
-struct Options {
-    Command command = Command::Put;
-    // The local side ("-" for standard input or output with put and get)
-    // and the remote side, whatever their order on the command line.
-    std::string local;
-    std::string remoteText;
-    RemoteTarget remote;
-
-    // connection
+// How to reach the server and log in; applied to the SSH object before it
+// connects. New connection settings go here and in ConnectionArguments.
+struct ConnectionOptions {
     int port = 0;  // 0: not given (ssh config, else 22)
     std::string identity;
     std::string passphraseEnv;
     std::string passwordEnv;
     std::string knownHosts;
     std::string hostKeyCheck = "yes";
+    std::string ciphers;  // empty: the library's choice
     bool useSshConfig = true;
     int connectTimeoutMs = -1;  // -1: the library's default
     int stallTimeoutMs = -1;
+};
 
-    // tree synchronisation
+// push and pull: what to copy.
+struct TreeOptions {
     int syncMode = 0;  // already mapped to the direction's number
     bool recurse = true;
+    bool dryRun = false;
     std::string match, exclude, matchDir, excludeDir;  // ';'-separated
+};
 
-    // transfer properties
+struct TransferOptions {
     std::string sendEnvJson;  // empty: none
     std::string chmod;
     bool filenameOnly = false;
+    int64_t limitBytesPerSecond = 0;  // 0: no limit
+};
 
-    // output and logs
+struct OutputOptions {
     std::string logFile;
     bool verboseLog = false;
     std::string debugLogFile;
     ProgressChoice progress = ProgressChoice::Auto;
     bool quiet = false;
-
-    bool readsStdin() const { return command == Command::Put && local == "-"; }
-    bool writesStdout() const { return command == Command::Get && local == "-"; }
 };
 
-struct ParseResult {
-    enum Kind { Run, Exit } kind = Run;
-    int exitStatus = 0;  // for Exit: 0 after --help/--version, else a usage error
-    std::string out;     // for standard output (help, version)
-    std::string err;     // for standard error (usage error)
-};
+struct Options {
+    Command command = Command::Put;
+    // The local side: put's files ("-" alone reads standard input); for the
+    // other commands one path (get's "-" writes standard output).
+    std::vector<std::string> local;
+    // The remote side: get's files; for the other commands one path. All of
+    // them name the same user and host.
+    std::vector<RemoteTarget> remote;
+    std::vector<std::string> remoteText;  // as typed, for messages
 
-// args excludes the program name.
-ParseResult parseCommandLine(const std::vector<std::string>& args, Options& options);
+    ConnectionOptions connection;
+    TreeOptions tree;
+    TransferOptions transfer;
+    OutputOptions output;
+
+    const RemoteTarget& server() const { return remote.front(); }
+    bool readsStdin() const { return command == Command::Put && local.front() == "-"; }
+    bool writesStdout() const { return command == Command::Get && local.front() == "-"; }
+    bool isTree() const { return command == Command::Push || command == Command::Pull; }
+    bool isUpload() const { return command == Command::Put || command == Command::Push; }
+};
 
 }  // namespace scpkit::cli

@@ -1,9 +1,12 @@
-// The arithmetic and the text of the progress bar, apart from the terminal.
+// The arithmetic of the progress bar, apart from the terminal.
 //
 // The library reports progress as a fraction (units out of a scale), not in
-// bytes. The byte total is known up front for uploads of one file; otherwise
-// it is estimated from bytes known to be done at some point (a file that has
-// arrived on disk, say) divided by the fraction done at that point.
+// bytes. The byte total is known up front for uploads of one file. Otherwise
+// every moment at which the bytes done are known exactly (the size of the
+// file growing on disk, the files finished in a tree) narrows the total down:
+// units = floor(done * scale / total) bounds it from both sides, and with a
+// fine scale a few such moments pin it down, to the byte for files below
+// 2 GiB and to the precision it is shown with for larger ones.
 #pragma once
 
 #include <cstdint>
@@ -24,21 +27,26 @@ class ProgressMeter {
   public:
     explicit ProgressMeter(int64_t scale) : m_scale(scale > 0 ? scale : 100) {}
 
+    // Back to nothing known, for the next file of a series.
+    void restart();
     void setExactTotal(int64_t bytes);
     // The library's report: `units` out of the scale. Times are in seconds
     // on any steady clock.
     void setUnits(int64_t units, double now);
-    // `bytes` are known to be done at the units last reported.
+    // Exactly `bytes` are done at the units last reported.
     void observeDone(int64_t bytes);
 
     ProgressSnapshot snapshot(double now) const;
     int64_t units() const { return m_units; }
+    int64_t doneBytes() const;
 
   private:
     int64_t m_scale;
     int64_t m_units = 0;
-    int64_t m_total = -1;
-    bool m_totalExact = false;
+    // The total lies in [m_low, m_high]; exact when they meet.
+    int64_t m_low = 0;
+    int64_t m_high = INT64_MAX;
+    bool m_anyObservation = false;
     int64_t m_observedDone = -1;
     int64_t m_observedAtUnits = -1;
     // Rate and time left are measured from the first report above zero, so
@@ -47,13 +55,17 @@ class ProgressMeter {
     double m_startFraction = 0;
 };
 
-// "0 B", "999 B", "1.0 KiB", "12.3 MiB"
+// "0B", "999B", "1.0KiB", "12.3MiB", "512KiB"
 std::string formatBytes(int64_t bytes);
 // "0:07", "12:34", "1:02:03"
 std::string formatDuration(double seconds);
 
 // One bar line of at most `width` columns: percent, bar, bytes, rate, time
-// left and the label (cut from the left when it does not fit).
+// left and the label (cut from the left when it does not fit). The fields
+// keep their width as their values change, so nothing jumps.
 std::string renderProgressLine(const ProgressSnapshot& s, const std::string& label, int width);
+
+// The line left behind for a finished file: its name, size, rate and time.
+std::string renderFinishedLine(const std::string& label, int64_t bytes, double seconds, int width);
 
 }  // namespace scpkit::cli

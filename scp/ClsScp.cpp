@@ -52,6 +52,17 @@ bool ClsScp::UseSsh(ClsSsh& newSsh) {
     return true;
 }
 
+bool ClsScp::hasOption(const char* keyword) const {
+    return m_uncommonOptions.containsSubstringNoCase(keyword);
+}
+
+bool ClsScp::requireSsh(LogBase& log) {
+    if (ssh) return true;
+    log.LogError("No SSH object has been set.  Must call UseSsh first.");
+    logSuccessFailure(false);
+    return false;
+}
+
 void ClsScp::get_SendEnv(XString& out) {
     CritSecExitor cs(m_critSec);
     out.copyFromX(sendEnv);

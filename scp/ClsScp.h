@@ -81,14 +81,40 @@ class ClsScp : public ClsBase {
 
   private:
     friend class ClsScpTestAccess;  // white-box tests of the protocol steps
+    class ScpChannel;
+    class RemoteWalk;
+    class LocalWalk;
+    struct NameFilters;
+    struct UploadTarget;
+
+    // Uncommon options of this component (case-insensitive substrings).
+    bool hasOption(const char* keyword) const;
+    // Logs "No SSH object has been set..." and the failure when nothing is bound.
+    bool requireSsh(LogBase& log);
 
     // command channel
     bool setEnvironmentVars(int channel, SocketParams& sp, LogBase& log);
+    // The remote scp of one call on its own channel: open and SendEnv, then
+    // the exec of `prefix` + argument. Each logs the call's failure itself.
+    enum class Quoting { Quoted, Bare };
+    static Quoting quotingFor(const XString& text);  // Quoted when it holds a blank
+    bool openScpChannel(ScpChannel& channel, SocketParams& sp, LogBase& log);
+    bool execRemoteScp(ScpChannel& channel, const char* prefix, const XString& argument,
+                       Quoting quoting, SocketParams& sp, LogBase& log);
+    bool startRemoteScp(ScpChannel& channel, const char* prefix, const XString& argument,
+                        Quoting quoting, SocketParams& sp, LogBase& log);
 
-    // protocol records and acknowledgements
+    // protocol records and acknowledgements; the spec'd readers take whatever
+    // has been received, the framed ones stop after the line feed so that
+    // records sent back to back are read one at a time
+    enum class Framing { AllReceived, ThroughLineFeed };
     bool readScpResponse(unsigned channel, StringBuffer& line, SocketParams& sp, LogBase& log);
+    bool readLine(unsigned channel, StringBuffer& line, Framing framing, SocketParams& sp,
+                  LogBase& log);
     bool waitForGo(DataBuffer& buf, OutputDataBuffer& out, unsigned channel, SocketParams& sp,
                    LogBase& log);
+    bool readAck(DataBuffer& buf, OutputDataBuffer& out, unsigned channel, Framing framing,
+                 SocketParams& sp, LogBase& log);
 
     // sending side
     bool openLocalFile(XString& localPath, const char* name, _vqFileDataSource& source,
@@ -100,9 +126,21 @@ class ClsScp : public ClsBase {
     bool sendDirInfo(int channel, int permissions, XString& dirName, SocketParams& sp,
                      LogBase& log);
     bool sendScpData(int channel, DataBuffer& data, SocketParams& sp, LogBase& log);
+    bool sendByte(unsigned channel, char byte, SocketParams& sp, LogBase& log);
 
     // receiving side
     bool receiveFileInfo(unsigned channel, ScpFileInfo& info, SocketParams& sp, LogBase& log);
+    // How a record is read: the framing, whether the 0x00 that answers a "T"
+    // line already went out ahead of it, and (filled in) whether one came.
+    struct RecordRead {
+        Framing framing = Framing::AllReceived;
+        bool timesAnsweredAhead = false;
+        bool sawTimes = false;
+    };
+    bool readRecord(unsigned channel, ScpFileInfo& info, RecordRead& how, SocketParams& sp,
+                    LogBase& log);
+    bool parseHeader(StringBuffer& header, ScpFileInfo& info, LogBase& log);
+    void parseTimes(const StringBuffer& timesLine, ScpFileInfo& info, LogBase& log);
     bool receiveFile(unsigned channel, _vqOutput& out, bool resetProgress, ScpFileInfo& info,
                      SocketParams& sp, LogBase& log);
     bool receiveFileData(unsigned channel, _vqOutput& out, ScpFileInfo& info, SocketParams& sp,
@@ -111,13 +149,10 @@ class ClsScp : public ClsBase {
                              SocketParams& sp, LogBase& log);
     bool abortRemainder(unsigned channel, SocketParams& sp, LogBase& log);
 
-    // the "scp -t" channel exchange of one file, shared by UploadFile and uploadData;
-    // logOutcome says whether the exchange's own outcome is logged as the call's
-    bool uploadOverChannel(_vqDataSource& source, ScpFileInfo& info, XString& remoteDir,
-                           XString& remoteFilename, bool filenameOnly, SocketParams& sp,
-                           bool logOutcome, LogBase& log);
-
-    // in-memory workers
+    // single transfers: the "scp -t" session of one file, shared by UploadFile
+    // and uploadData, and the "scp -pf" session of one download into an output
+    bool uploadSession(_vqDataSource& source, ScpFileInfo& info, const UploadTarget& target,
+                       SocketParams& sp, LogBase& log);
     bool uploadData(XString& remoteFilePath, DataBuffer& data, ProgressEvent* progress);
     bool downloadData(XString& remotePath, DataBuffer& out, ProgressEvent* progress);
 

@@ -47,15 +47,45 @@ bool ClsScp::setEnvironmentVars(int channel, SocketParams& sp, LogBase& log) {
     return true;
 }
 
-ChannelFinisher::~ChannelFinisher() {
-    if (m_ssh && m_channel >= 0) m_ssh->channelFinished(m_channel);
+ClsScp::ScpChannel::~ScpChannel() {
+    if (m_ssh && m_id >= 0) m_ssh->channelFinished(m_id);
 }
 
-void buildScpCommand(const char* prefix, const XString& argument, bool quote, XString& command) {
+ClsScp::Quoting ClsScp::quotingFor(const XString& text) {
+    return text.getUtf8Sb().containsChar(' ') ? Quoting::Quoted : Quoting::Bare;
+}
+
+bool ClsScp::openScpChannel(ScpChannel& channel, SocketParams& sp, LogBase& log) {
+    channel.m_id = channel.m_ssh->openSessionChannel(sp, log);
+    // A refused environment leaves the channel to the SSH object, as does a
+    // refused exec.
+    if (channel.m_id < 0 || !setEnvironmentVars(channel.m_id, sp, log)) {
+        logSuccessFailure(false);
+        return false;
+    }
+    return true;
+}
+
+bool ClsScp::execRemoteScp(ScpChannel& channel, const char* prefix, const XString& argument,
+                           Quoting quoting, SocketParams& sp, LogBase& log) {
+    // Nothing inside the argument is escaped; quotes only keep a blank in it.
+    const char* quote = quoting == Quoting::Quoted ? "\"" : "";
+    XString command;
     command.setFromUtf8(prefix);
-    if (quote) command.appendUtf8("\"");
+    command.appendUtf8(quote);
     command.appendX(argument);
-    if (quote) command.appendUtf8("\"");
+    command.appendUtf8(quote);
+    if (!channel.m_ssh->sendReqExec(channel.m_id, command, sp, log)) {
+        logSuccessFailure(false);
+        return false;
+    }
+    return true;
+}
+
+bool ClsScp::startRemoteScp(ScpChannel& channel, const char* prefix, const XString& argument,
+                            Quoting quoting, SocketParams& sp, LogBase& log) {
+    return openScpChannel(channel, sp, log) &&
+           execRemoteScp(channel, prefix, argument, quoting, sp, log);
 }
 
 void splitRemoteFilePath(XString& remotePath, XString& filename) {
@@ -63,10 +93,6 @@ void splitRemoteFilePath(XString& remotePath, XString& filename) {
     int n = filename.getNumChars();
     if (n > 0) remotePath.shortenNumChars(n);
     if (remotePath.isEmpty()) remotePath.setFromUtf8(".");
-}
-
-bool containsBlank(const XString& text) {
-    return text.getUtf8Sb().containsChar(' ');
 }
 
 bool awaitChannelClose(ClsSsh& ssh, int channel, SocketParams& sp, LogBase& log) {

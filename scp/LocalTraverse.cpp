@@ -20,6 +20,7 @@
 #include <scpkit/base/Progress.h>
 #include <scpkit/base/XString.h>
 #include <scpkit/scp/ClsScp.h>
+#include <scpkit/scp/NameFilters.h>
 #include <scpkit/scp/ScpFileInfo.h>
 
 namespace scpkit {
@@ -58,199 +59,263 @@ bool isDotEntry(const XString& name) {
 
 }  // namespace
 
+// One walk over a local tree. Its members are the state of the walk (the
+// stacks of open directories, the current path, the totals); its methods
+// are the walk's steps: read an entry, advance, leave a directory, finish.
+class ClsScp::LocalWalk {
+  public:
+    enum class Pass { Compute, Upload };
+    LocalWalk(ClsScp& scp, Pass pass, unsigned channel, XString& localRoot, int mode, bool recurse,
+              StringHashMap* remoteFiles, SocketParams& sp, LogBase& log)
+        : m_scp(scp),
+          m_pass(pass),
+          m_channel(channel),
+          m_localRoot(localRoot),
+          m_mode(mode),
+          m_recurse(recurse),
+          m_remoteFiles(remoteFiles),
+          m_sp(sp),
+          m_log(log),
+          m_filters(scp),
+          m_nested(log),
+          m_pm(pass == Pass::Upload ? sp.m_progressMonitor : nullptr) {}
+
+    bool run();
+
+  private:
+    enum class Step { Read, Advance, Leave, Finish, Failed };
+
+    bool openRoot();
+    Step read();
+    Step handleFile(XString& name);
+    Step uploadFile(XString& fullPath, XString& name);
+    Step enterDirectory(XString& name);
+    Step advance();
+    Step leave();
+    bool finish();
+
+    bool uploading() const { return m_pass == Pass::Upload; }
+    bool aborted() { return m_sp.spAbortCheck(m_log); }
+    bool abortedWithMessage();
+    bool waitForGo() { return m_scp.waitForGo(m_ackBuf, m_ackOut, m_channel, m_sp, m_log); }
+    void event(const char* name, const XString& path) {
+        if (m_pm) m_pm->progressInfo(name, path.getUtf8());
+    }
+
+    ClsScp& m_scp;
+    const Pass m_pass;
+    const unsigned m_channel;
+    XString& m_localRoot;
+    const int m_mode;
+    const bool m_recurse;
+    StringHashMap* const m_remoteFiles;
+    SocketParams& m_sp;
+    LogBase& m_log;
+    NameFilters m_filters;
+    NestedContexts m_nested;
+    ProgressMonitor* const m_pm;  // events: the upload pass only
+
+    // Iterators still open when the walk fails are released with the stack.
+    ExtPtrArray m_dirStack;
+    ExtPtrArraySb m_relPathStack;  // "." for the root, then each entered name
+    _vqFileIterator* m_current = nullptr;
+    XString m_curPath;
+    int64_t m_totalBytes = 0;
+    unsigned m_numDirs = 0;
+    DataBuffer m_ackBuf;
+    OutputDataBuffer m_ackOut{&m_ackBuf};
+};
+
+bool ClsScp::LocalWalk::run() {
+    if (!openRoot()) return false;
+    Step step = Step::Read;
+    while (step != Step::Finish) {
+        switch (step) {
+            case Step::Read:
+                step = read();
+                break;
+            case Step::Advance:
+                step = advance();
+                break;
+            case Step::Leave:
+                step = leave();
+                break;
+            case Step::Finish:
+                break;
+            case Step::Failed:
+                return false;
+        }
+    }
+    return finish();
+}
+
+bool ClsScp::LocalWalk::openRoot() {
+    _vqFileIterator* root = _vqFileIterator::createNewObject();
+    if (!root) return false;
+    if (!root->openDirectory(m_localRoot, m_log)) {
+        m_log.LogError("Failed to open local root directory");
+        VostrelObject::deleteObject(root);
+        return false;
+    }
+    if (!m_dirStack.appendObject(root)) return false;
+    if (!m_relPathStack.appendString(".")) return false;
+    m_current = root;
+    m_curPath.copyFromX(m_localRoot);
+    if (m_log.m_verboseLogging) {
+        m_log.LogDataX("xLocalRoot", m_localRoot);
+        m_nested.enter("dirTree");
+    }
+    return true;
+}
+
+bool ClsScp::LocalWalk::abortedWithMessage() {
+    if (!aborted()) return false;
+    m_log.LogError("Aborted by application callback");
+    return true;
+}
+
+ClsScp::LocalWalk::Step ClsScp::LocalWalk::read() {
+    if (abortedWithMessage()) return Step::Failed;
+    XString name;
+    m_current->getFfFilename(name, m_log);
+    const bool isDir = m_current->isDirectory();
+    // Evaluated for every entry, the dot entries included.
+    const bool skip = m_filters.skips(m_scp, name, isDir, m_log);
+    if (isDotEntry(name) || skip || (isDir && !m_recurse)) return Step::Advance;
+    return isDir ? enterDirectory(name) : handleFile(name);
+}
+
+ClsScp::LocalWalk::Step ClsScp::LocalWalk::handleFile(XString& name) {
+    XString fullPath;
+    _vqFilePath::CombineDirAndFilename(m_curPath, name, fullPath);
+    if (m_log.m_verboseLogging) m_log.LogDataX("file", fullPath);
+    if (!m_scp.needToUpload(m_mode, fullPath, m_localRoot, m_remoteFiles, m_log))
+        return Step::Advance;
+    if (uploading()) return uploadFile(fullPath, name);
+
+    bool ok = false;
+    int64_t size = FileSys::fileSizeX_64(fullPath, &m_log, ok);
+    if (ok && size >= 0) {
+        m_totalBytes += size;
+    } else {
+        m_log.LogError("Failed to add file size to total.");
+    }
+    return Step::Advance;
+}
+
+ClsScp::LocalWalk::Step ClsScp::LocalWalk::uploadFile(XString& fullPath, XString& name) {
+    _vqFileDataSource source;
+    ScpFileInfo info;
+    if (!m_scp.openLocalFile(fullPath, name.getUtf8(), source, info, m_log)) {
+        // One unreadable file does not stop the tree.
+        m_log.LogError("Unable to open local file..");
+        event("scp-localfile-cannot-open", fullPath);
+        return Step::Advance;
+    }
+    source.m_reportsProgress = true;
+    if (!m_scp.sendFile(static_cast<int>(m_channel), source, false, info, m_sp, m_log)) {
+        event("scp-localfile-upload-failed", fullPath);
+        return Step::Failed;
+    }
+    info.contructRPath(m_relPathStack, m_log);
+    m_scp.syncedFiles.append(info.rFilePath);
+    m_scp.syncedFiles.appendLineEnding();
+    event("scp-localfile-uploaded", fullPath);
+    return Step::Advance;
+}
+
+// A directory is entered at the moment its entry is read.
+ClsScp::LocalWalk::Step ClsScp::LocalWalk::enterDirectory(XString& name) {
+    if (m_log.m_verboseLogging) m_nested.enter("subdir");
+    XString dirPath;
+    _vqFilePath::CombineDirAndFilename(m_curPath, name, dirPath);
+    m_curPath.copyFromX(dirPath);
+    if (m_log.m_verboseLogging) m_log.LogDataX("subDir", m_curPath);
+
+    if (uploading()) {
+        event("scp-localdir-entered", m_curPath);
+        bool permsOk = true;
+        unsigned perms = FileSys::getUnixPerms(m_curPath, nullptr, permsOk);
+        if (!waitForGo()) return Step::Failed;
+        if (aborted()) return Step::Failed;
+        int ch = static_cast<int>(m_channel);
+        if (!m_scp.sendDirInfo(ch, static_cast<int>(perms), name, m_sp, m_log)) return Step::Failed;
+        if (m_sp.m_progressMonitor) m_sp.m_progressMonitor->consumeProgress(100, &m_log);
+    }
+
+    _vqFileIterator* sub = _vqFileIterator::createNewObject();
+    if (!sub) return Step::Failed;
+    if (!sub->openDirectory(m_curPath, m_log)) {
+        m_log.LogError("Failed to open directory");
+        m_log.LogDataX("curLocalPath", m_curPath);
+        VostrelObject::deleteObject(sub);
+        return Step::Failed;
+    }
+    if (!m_dirStack.appendObject(sub)) return Step::Failed;
+    if (!m_relPathStack.appendString(name.getUtf8())) return Step::Failed;
+    ++m_numDirs;
+    m_current = sub;
+    return Step::Read;
+}
+
+ClsScp::LocalWalk::Step ClsScp::LocalWalk::advance() {
+    return (m_current->m_hasEntry && m_current->advanceToNext(m_log)) ? Step::Read : Step::Leave;
+}
+
+ClsScp::LocalWalk::Step ClsScp::LocalWalk::leave() {
+    m_current->closeDirectory();
+    if (uploading()) {
+        if (!waitForGo()) return Step::Failed;
+        if (aborted()) return Step::Failed;
+        // The root gets its "E" too, although it had no "D": the remote sink
+        // acknowledges it and ends.
+        DataBuffer endLine;
+        endLine.appendStr("E\n");
+        if (!m_scp.sendScpData(static_cast<int>(m_channel), endLine, m_sp, m_log))
+            return Step::Failed;
+    }
+    if (m_log.m_verboseLogging) m_nested.leave();
+    if (abortedWithMessage()) return Step::Failed;
+
+    VostrelObject* popped = m_dirStack.pop();
+    if (popped != m_current) {
+        m_log.LogError("dir traversal stack mismatch.");
+        VostrelObject::deleteObject(popped);
+        return Step::Failed;
+    }
+    VostrelObject::deleteObject(popped);
+    StringBuffer::deleteSb(m_relPathStack.pop());
+
+    m_current = static_cast<_vqFileIterator*>(m_dirStack.lastElement());
+    if (!m_current) return Step::Finish;
+    if (m_log.m_verboseLogging) m_log.LogDataX("leavingDir", m_curPath);
+    event("scp-localdir-leaving", m_curPath);
+    _vqFilePath::UpOneDir(m_curPath);
+    return Step::Advance;
+}
+
+bool ClsScp::LocalWalk::finish() {
+    if (uploading()) {
+        if (m_log.m_verboseLogging) m_log.LogInfo("Waiting for the final response...");
+        return waitForGo();
+    }
+    if (m_sp.m_progressMonitor) {
+        m_log.LogDataInt64("totalByteCount", m_totalBytes);
+        m_log.LogDataInt64("totalNumDirs", static_cast<int64_t>(m_numDirs));
+        m_sp.m_progressMonitor->progressReset(m_totalBytes + 100 * static_cast<int64_t>(m_numDirs),
+                                              &m_log);
+    }
+    return true;
+}
+
 bool ClsScp::doLocalTraverse(bool computeOnly, unsigned channel, XString& localRoot,
                              XString& remoteRoot, int mode, bool recurse,
                              StringHashMap* remoteFiles, SocketParams& sp, LogBase& log) {
     (void)remoteRoot;  // carried for the caller's symmetry; the walk is local
     LogContextExitor ctx(log, "doLocalTraverse");
-
-    ExtPtrArraySb mustMatch, mustNotMatch, mustMatchDir, mustNotMatchDir;
-    syncMustMatch.getUtf8Sb().splitAndTrim(mustMatch, ';', true, true);
-    syncMustNotMatch.getUtf8Sb().splitAndTrim(mustNotMatch, ';', true, true);
-    syncMustMatchDir.getUtf8Sb().splitAndTrim(mustMatchDir, ';', true, true);
-    syncMustNotMatchDir.getUtf8Sb().splitAndTrim(mustNotMatchDir, ';', true, true);
-
-    _vqFileIterator* current = _vqFileIterator::createNewObject();
-    if (!current) return false;
-    if (!current->openDirectory(localRoot, log)) {
-        log.LogError("Failed to open local root directory");
-        VostrelObject::deleteObject(current);
-        return false;
-    }
-
-    // Iterators still open when the walk fails are released with the stack.
-    ExtPtrArray dirStack;
-    ExtPtrArraySb relPathStack;
-    if (!dirStack.appendObject(current)) return false;
-    if (!relPathStack.appendString(".")) return false;
-    XString curPath;
-    curPath.copyFromX(localRoot);
-    XString name;
-
-    int64_t totalBytes = 0;
-    unsigned numDirs = 0;
-    DataBuffer ackBuf;
-    OutputDataBuffer ackOut(&ackBuf);
-    ProgressMonitor* pm = computeOnly ? nullptr : sp.m_progressMonitor;
-    const int ch = static_cast<int>(channel);
-
-    NestedContexts nested(log);
-    if (log.m_verboseLogging) {
-        log.LogDataX("xLocalRoot", localRoot);
-        nested.enter("dirTree");
-    }
-
-    enum class State { Read, Advance, Leave, Finish };
-    State state = State::Read;
-    while (state != State::Finish) {
-        switch (state) {
-            case State::Read: {
-                if (sp.spAbortCheck(log)) {
-                    log.LogError("Aborted by application callback");
-                    return false;
-                }
-                name.clear();
-                current->getFfFilename(name, log);
-                const bool isDir = current->isDirectory();
-                // Evaluated for every entry, the dot entries included.
-                const bool skip = isDir
-                                      ? skipFromMustMatch(name, mustMatchDir, mustNotMatchDir, log)
-                                      : skipFromMustMatch(name, mustMatch, mustNotMatch, log);
-                if (isDotEntry(name) || skip || (isDir && !recurse)) {
-                    state = State::Advance;
-                    break;
-                }
-
-                if (!isDir) {
-                    XString fullPath;
-                    _vqFilePath::CombineDirAndFilename(curPath, name, fullPath);
-                    if (log.m_verboseLogging) log.LogDataX("file", fullPath);
-                    state = State::Advance;
-                    if (!needToUpload(mode, fullPath, localRoot, remoteFiles, log)) break;
-
-                    if (computeOnly) {
-                        bool ok = false;
-                        int64_t size = FileSys::fileSizeX_64(fullPath, &log, ok);
-                        if (ok && size >= 0) {
-                            totalBytes += size;
-                        } else {
-                            log.LogError("Failed to add file size to total.");
-                        }
-                        break;
-                    }
-
-                    _vqFileDataSource source;
-                    ScpFileInfo info;
-                    if (!openLocalFile(fullPath, name.getUtf8(), source, info, log)) {
-                        // One unreadable file does not stop the tree.
-                        log.LogError("Unable to open local file..");
-                        if (pm) pm->progressInfo("scp-localfile-cannot-open", fullPath.getUtf8());
-                        break;
-                    }
-                    source.m_reportsProgress = true;
-                    if (!sendFile(ch, source, false, info, sp, log)) {
-                        if (pm) pm->progressInfo("scp-localfile-upload-failed", fullPath.getUtf8());
-                        return false;
-                    }
-                    info.contructRPath(relPathStack, log);
-                    syncedFiles.append(info.rFilePath);
-                    syncedFiles.appendLineEnding();
-                    if (pm) pm->progressInfo("scp-localfile-uploaded", fullPath.getUtf8());
-                    break;
-                }
-
-                // A directory, entered at the moment its entry is read.
-                if (log.m_verboseLogging) nested.enter("subdir");
-                XString dirPath;
-                _vqFilePath::CombineDirAndFilename(curPath, name, dirPath);
-                curPath.copyFromX(dirPath);
-                if (log.m_verboseLogging) log.LogDataX("subDir", curPath);
-
-                if (!computeOnly) {
-                    if (pm) pm->progressInfo("scp-localdir-entered", curPath.getUtf8());
-                    bool permsOk = true;
-                    unsigned perms = FileSys::getUnixPerms(curPath, nullptr, permsOk);
-                    if (!waitForGo(ackBuf, ackOut, channel, sp, log)) return false;
-                    if (sp.spAbortCheck(log)) return false;
-                    if (!sendDirInfo(ch, static_cast<int>(perms), name, sp, log)) return false;
-                    if (sp.m_progressMonitor) sp.m_progressMonitor->consumeProgress(100, &log);
-                }
-
-                _vqFileIterator* sub = _vqFileIterator::createNewObject();
-                if (!sub) return false;
-                if (!sub->openDirectory(curPath, log)) {
-                    log.LogError("Failed to open directory");
-                    log.LogDataX("curLocalPath", curPath);
-                    VostrelObject::deleteObject(sub);
-                    return false;
-                }
-                if (!dirStack.appendObject(sub)) return false;
-                if (!relPathStack.appendString(name.getUtf8())) return false;
-                ++numDirs;
-                current = sub;
-                state = State::Read;
-                break;
-            }
-
-            case State::Advance:
-                state = (current->m_hasEntry && current->advanceToNext(log)) ? State::Read
-                                                                             : State::Leave;
-                break;
-
-            case State::Leave: {
-                current->closeDirectory();
-                if (!computeOnly) {
-                    if (!waitForGo(ackBuf, ackOut, channel, sp, log)) return false;
-                    if (sp.spAbortCheck(log)) return false;
-                    // The root gets its "E" too, although it had no "D": the
-                    // remote sink acknowledges it and ends.
-                    DataBuffer endLine;
-                    endLine.appendStr("E\n");
-                    if (!sendScpData(ch, endLine, sp, log)) return false;
-                }
-                if (log.m_verboseLogging) nested.leave();
-                if (sp.spAbortCheck(log)) {
-                    log.LogError("Aborted by application callback");
-                    return false;
-                }
-
-                VostrelObject* popped = dirStack.pop();
-                if (popped != current) {
-                    log.LogError("dir traversal stack mismatch.");
-                    VostrelObject::deleteObject(popped);
-                    return false;
-                }
-                VostrelObject::deleteObject(popped);
-                StringBuffer::deleteSb(relPathStack.pop());
-
-                current = static_cast<_vqFileIterator*>(dirStack.lastElement());
-                if (!current) {
-                    state = State::Finish;
-                    break;
-                }
-                if (log.m_verboseLogging) log.LogDataX("leavingDir", curPath);
-                if (pm) pm->progressInfo("scp-localdir-leaving", curPath.getUtf8());
-                _vqFilePath::UpOneDir(curPath);
-                state = State::Advance;
-                break;
-            }
-
-            case State::Finish:
-                break;
-        }
-    }
-
-    if (computeOnly) {
-        if (sp.m_progressMonitor) {
-            log.LogDataInt64("totalByteCount", totalBytes);
-            log.LogDataInt64("totalNumDirs", static_cast<int64_t>(numDirs));
-            sp.m_progressMonitor->progressReset(totalBytes + 100 * static_cast<int64_t>(numDirs),
-                                                &log);
-        }
-        return true;
-    }
-    if (log.m_verboseLogging) log.LogInfo("Waiting for the final response...");
-    return waitForGo(ackBuf, ackOut, channel, sp, log);
+    LocalWalk walk(*this, computeOnly ? LocalWalk::Pass::Compute : LocalWalk::Pass::Upload, channel,
+                   localRoot, mode, recurse, remoteFiles, sp, log);
+    return walk.run();
 }
 
 }  // namespace scpkit

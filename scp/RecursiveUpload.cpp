@@ -13,32 +13,18 @@ bool ClsScp::recursiveUpload(XString& localRoot, XString& remoteRoot, int mode, 
     LogContextExitor ctx(log, "recursiveUpload");
     if (!ssh) return false;
 
-    int channel = ssh->openSessionChannel(sp, log);
+    ScpChannel channel(ssh);
+    if (!startRemoteScp(channel, "scp -rpt ", remoteRoot, quotingFor(remoteRoot), sp, log))
+        return false;
 
-    ChannelFinisher finisher(ssh, channel);
-    if (channel < 0) {
-        logSuccessFailure(false);
-        return false;
-    }
-    if (!setEnvironmentVars(channel, sp, log)) {
-        logSuccessFailure(false);
-        return false;
-    }
-    XString command;
-    buildScpCommand("scp -rpt ", remoteRoot, containsBlank(remoteRoot), command);
-    if (!ssh->sendReqExec(channel, command, sp, log)) {
-        logSuccessFailure(false);
-        return false;
-    }
-
-    if (!doLocalTraverse(false, static_cast<unsigned>(channel), localRoot, remoteRoot, mode,
-                         recurse, remoteFiles, sp, log)) {
+    if (!doLocalTraverse(false, channel.number(), localRoot, remoteRoot, mode, recurse, remoteFiles,
+                         sp, log)) {
         logSuccessFailure(false);
         return false;
     }
 
     // Everything was acknowledged; how the channel closes does not change that.
-    finishTreeChannel(*ssh, channel, sp, log);
+    finishTreeChannel(*ssh, channel.id(), sp, log);
     return true;
 }
 

@@ -19,6 +19,7 @@
 #include <scpkit/base/StringHashMap.h>
 #include <scpkit/base/XString.h>
 #include <scpkit/scp/ClsScp.h>
+#include <scpkit/scp/NameFilters.h>
 #include <scpkit/scp/RemoteNameCheck.h>
 #include <scpkit/scp/ScpCommand.h>
 #include <scpkit/scp/ScpFileInfo.h>
@@ -40,35 +41,263 @@ int64_t addSaturating(int64_t a, int64_t b) {
 
 }  // namespace
 
+// One run of the record loop. Its members are the state of the walk; its
+// methods are the record kinds and the answers that steer the source.
+class ClsScp::RemoteWalk {
+  public:
+    RemoteWalk(ClsScp& scp, bool bComputeMode, unsigned channel, int mode, bool recurse,
+               XString& localDir, StringHashMap* remoteFiles, SocketParams& sp, LogBase& log)
+        : m_scp(scp),
+          m_computeMode(bComputeMode),
+          m_channel(channel),
+          m_mode(mode),
+          m_recurse(recurse),
+          m_localDir(localDir),
+          m_remoteFiles(remoteFiles),
+          m_sp(sp),
+          m_log(log),
+          m_filters(scp),
+          m_pm(sp.m_progressMonitor) {}
+
+    bool run();
+
+    int64_t totalByteCount = 0;
+    unsigned totalNumDirs = 0;
+
+  private:
+    enum class Next { Continue, Done, Failed };
+
+    Next nextRecord();
+    Next endOfDirectory();
+    Next directory(ScpFileInfo& info, bool skip);
+    Next enterDirectory(ScpFileInfo& info);
+    Next skipDirectory();
+    Next file(ScpFileInfo& info, bool skip);
+    Next downloadFile(ScpFileInfo& info, XString& localPath);
+    Next skipFile();
+    bool refuseUnsafeName(const ScpFileInfo& info);
+
+    // One answer on the channel; no SSH object counts as a failed send.
+    bool answer(const char* bytes, size_t numBytes);
+    bool ready() { return answer("", 1); }
+    void announceReady() {
+        if (m_log.m_verboseLogging) m_log.LogInfo("Sending 0 ready/continue byte..");
+    }
+    Next failAt(int where) {
+        m_log.LogDataLong("errReturnLoc", where);
+        return Next::Failed;
+    }
+    bool aborted() { return m_sp.spAbortCheck(m_log); }
+    // The source ends the walk after the root's own "E", or after a file
+    // that was the root.
+    Next continueUnlessRootClosed() {
+        return m_dirStack.getSize() == 0 ? Next::Done : Next::Continue;
+    }
+
+    ClsScp& m_scp;
+    const bool m_computeMode;
+    const unsigned m_channel;
+    const int m_mode;
+    const bool m_recurse;
+    XString& m_localDir;
+    StringHashMap* const m_remoteFiles;
+    SocketParams& m_sp;
+    LogBase& m_log;
+    NameFilters m_filters;
+    ProgressMonitor* const m_pm;
+    ExtPtrArraySb m_dirStack;  // names of the open remote directories, the root's first
+};
+
+bool ClsScp::RemoteWalk::answer(const char* bytes, size_t numBytes) {
+    if (!m_scp.ssh) return false;
+    DataBuffer data;
+    data.append(bytes, numBytes);
+    return m_scp.sendScpData(static_cast<int>(m_channel), data, m_sp, m_log);
+}
+
+bool ClsScp::RemoteWalk::run() {
+    if (!ready()) return false;
+    if (m_log.m_verboseLogging) {
+        m_log.LogDataX("syncMustMatch", m_scp.syncMustMatch);
+        m_log.LogDataX("syncMustNotMatch", m_scp.syncMustNotMatch);
+        m_log.LogDataX("syncMustMatchDir", m_scp.syncMustMatchDir);
+        m_log.LogDataX("syncMustNotMatchDir", m_scp.syncMustNotMatchDir);
+    }
+    Next next = Next::Continue;
+    while (next == Next::Continue) next = nextRecord();
+    if (next == Next::Failed) return false;
+    if (m_log.m_verboseLogging) m_log.LogInfo("Returning true from consumeRecursiveResponse");
+    return true;
+}
+
+ClsScp::RemoteWalk::Next ClsScp::RemoteWalk::nextRecord() {
+    ScpFileInfo info;
+    if (aborted()) return Next::Failed;
+    if (!m_scp.receiveFileInfo(m_channel, info, m_sp, m_log)) {
+        // A failed read after the remote program has finished is the end of
+        // the stream, not an error.
+        if (m_sp.m_receivedEof ||
+            m_scp.ssh->channelReceivedEof(static_cast<int>(m_channel), m_log)) {
+            return Next::Done;
+        }
+        return failAt(30);
+    }
+    if (aborted()) return Next::Failed;
+    if (info.isEndOfDir) return endOfDirectory();
+    if (!refuseUnsafeName(info)) return Next::Failed;
+
+    XString name;
+    name.setFromSbUtf8(info.filename);
+    const bool skip = m_filters.skips(m_scp, name, info.isDirectory, m_log);
+    if (info.isDirectory) return directory(info, skip);
+    if (m_log.m_verboseLogging) {
+        m_log.LogInfo(skip ? "Skipping this file because of the must-match pattern..."
+                           : "NOT skipping this file because of must-match pattern.");
+    }
+    return file(info, skip);
+}
+
+// A name that could lead outside the local root is refused before anything
+// is created or recorded. The root directory's own name is never part of a
+// local path (the server sends "." or "" for some roots), so it is exempt.
+bool ClsScp::RemoteWalk::refuseUnsafeName(const ScpFileInfo& info) {
+    const bool isRootDir = info.isDirectory && m_dirStack.getSize() == 0;
+    if (isRootDir || isSafeRemoteName(info.filename)) return true;
+    m_log.LogError("Refusing an unsafe file name from the server.");
+    m_log.LogDataSb("unsafeName", info.filename);
+    m_scp.abortRemainder(m_channel, m_sp, m_log);
+    return false;
+}
+
+ClsScp::RemoteWalk::Next ClsScp::RemoteWalk::endOfDirectory() {
+    if (m_dirStack.getSize() == 0) {
+        m_log.LogError("unexpected empty dir stack.");
+        m_scp.abortRemainder(m_channel, m_sp, m_log);
+        return failAt(1);
+    }
+    StringBuffer* left = m_dirStack.pop();
+    if (m_log.m_verboseLogging) m_log.LogDataSb("exitDir", *left);
+    StringBuffer::deleteSb(left);
+    announceReady();
+    if (!ready()) return failAt(2);
+    if (aborted()) return Next::Failed;
+    return continueUnlessRootClosed();
+}
+
+ClsScp::RemoteWalk::Next ClsScp::RemoteWalk::directory(ScpFileInfo& info, bool skip) {
+    if (m_log.m_verboseLogging) m_log.LogDataSb(skip ? "skipDir" : "enterDir", info.filename);
+    const bool isRoot = m_dirStack.getSize() == 0;
+    // Pushed even when skipped: the skip pops it again.
+    if (!m_dirStack.appendString(info.filename.getString())) return failAt(10);
+    info.contructRPath(m_dirStack, m_log);
+    if ((isRoot || m_recurse) && !skip) return enterDirectory(info);
+    return skipDirectory();
+}
+
+ClsScp::RemoteWalk::Next ClsScp::RemoteWalk::enterDirectory(ScpFileInfo& info) {
+    XString localPath;
+    if (!m_remoteFiles && m_scp.needToDownload(m_mode, m_localDir, info, localPath, m_log)) {
+        if (m_log.m_verboseLogging) m_log.LogInfo("This file will be downloaded..");
+        ++totalNumDirs;
+        if (!m_computeMode) {
+            if (!FileSys::createDir(localPath, &m_log) &&
+                !DirAutoCreate::ensureDirUtf8(localPath.getUtf8(), &m_log)) {
+                m_scp.abortRemainder(m_channel, m_sp, m_log);
+                return failAt(3);
+            }
+            if (m_pm) m_pm->progressInfo("scp-localdir-created", localPath.getUtf8());
+            // Never setuid, setgid or sticky bits from a server.
+            FileSys::setPerm(localPath, info.permissions & 0777, &m_log);
+            if (m_pm) m_pm->consumeProgress(100, &m_log);
+        }
+    }
+    announceReady();
+    if (!ready()) return failAt(14);
+    if (aborted()) return failAt(15);
+    return Next::Continue;
+}
+
+// The source sends neither the contents nor an "E" for a skipped directory,
+// so its name leaves the stack at once.
+ClsScp::RemoteWalk::Next ClsScp::RemoteWalk::skipDirectory() {
+    if (m_log.m_verboseLogging)
+        m_log.LogInfo("Skipping this directory: sending 1 skip-data byte..");
+    if (!answer("\x01", 1)) return Next::Failed;
+    if (aborted()) return failAt(18);
+    if (!answer("skip\n", 5)) return failAt(19);
+    if (aborted()) return failAt(20);
+    StringBuffer::deleteSb(m_dirStack.pop());
+    return Next::Continue;
+}
+
+ClsScp::RemoteWalk::Next ClsScp::RemoteWalk::file(ScpFileInfo& info, bool skip) {
+    info.contructRPath(m_dirStack, m_log);
+    if (m_log.m_verboseLogging) {
+        m_log.LogDataSb("filename", info.filename);
+        m_log.LogDataSb("rFilePath", info.rFilePath);
+        m_log.LogDataInt64("fileSize", info.fileSize);
+    }
+    if (m_remoteFiles) {
+        // Every remote file is recorded, whatever the file filters say.
+        if (ScpFileInfo* copy = info.cloneScpFi()) {
+            m_remoteFiles->hashInsert(info.rFilePath.getString(), copy);
+        }
+        if (m_log.m_verboseLogging) m_log.LogDataSb("hashingRemoteFile", info.rFilePath);
+        return skipFile();
+    }
+    if (skip) return skipFile();
+
+    XString localPath;
+    if (!m_scp.needToDownload(m_mode, m_localDir, info, localPath, m_log)) return skipFile();
+    if (m_log.m_verboseLogging) m_log.LogInfo("This file will be downloaded...");
+    totalByteCount = addSaturating(totalByteCount, info.fileSize);
+    // Counted, but the data never cross in the compute pass.
+    if (m_computeMode) return skipFile();
+    return downloadFile(info, localPath);
+}
+
+ClsScp::RemoteWalk::Next ClsScp::RemoteWalk::downloadFile(ScpFileInfo& info, XString& localPath) {
+    announceReady();
+    if (!ready()) return failAt(21);
+    if (aborted()) return failAt(22);
+    if (m_pm) m_pm->progressInfo("scp-begin-download", info.rFilePath.getString());
+    if (!m_scp.streamScpDataToFile(m_channel, localPath, info, m_sp, m_log)) {
+        m_scp.abortRemainder(m_channel, m_sp, m_log);
+        return Next::Failed;
+    }
+    m_scp.syncedFiles.append(info.rFilePath);
+    m_scp.syncedFiles.appendLineEnding();
+    if (m_pm) m_pm->progressInfo("scp-localfile-created", localPath.getUtf8());
+    announceReady();
+    if (!ready()) return failAt(23);
+    if (aborted()) return failAt(24);
+    return continueUnlessRootClosed();
+}
+
+// The warning answer that makes the source give up the file just announced.
+ClsScp::RemoteWalk::Next ClsScp::RemoteWalk::skipFile() {
+    if (m_log.m_verboseLogging) m_log.LogInfo("Sending 1 skip-data byte..");
+    if (!answer("\x01", 1)) return failAt(25);
+    if (aborted()) return Next::Failed;
+    if (!answer("skip\n", 5)) return failAt(26);
+    if (aborted()) return Next::Failed;
+    return continueUnlessRootClosed();
+}
+
 bool ClsScp::doRemoteTraverse(bool bComputeMode, XString& remoteDir, XString& localDir, int mode,
                               bool recurse, StringHashMap* remoteFiles, SocketParams& sp,
                               LogBase& log) {
     LogContextExitor ctx(log, "doRemoteTraverse");
     if (!ssh) return false;
 
-    int channel = ssh->openSessionChannel(sp, log);
-
-    ChannelFinisher finisher(ssh, channel);
-    if (channel < 0) {
-        logSuccessFailure(false);
-        return false;
-    }
-    if (!setEnvironmentVars(channel, sp, log)) {
-        logSuccessFailure(false);
-        return false;
-    }
     // The traversal root goes out unquoted, exactly as given.
-    XString command;
-    buildScpCommand("scp -rpf ", remoteDir, false, command);
-    if (!ssh->sendReqExec(channel, command, sp, log)) {
-        logSuccessFailure(false);
-        return false;
-    }
+    ScpChannel channel(ssh);
+    if (!startRemoteScp(channel, "scp -rpf ", remoteDir, Quoting::Bare, sp, log)) return false;
 
     int64_t totalByteCount = 0;
     unsigned totalNumDirs = 0;
-    if (!consumeRecursiveResponse(bComputeMode, static_cast<unsigned>(channel), mode, recurse,
-                                  localDir, totalByteCount, totalNumDirs, remoteFiles, sp, log)) {
+    if (!consumeRecursiveResponse(bComputeMode, channel.number(), mode, recurse, localDir,
+                                  totalByteCount, totalNumDirs, remoteFiles, sp, log)) {
         log.LogError("Consume recursive response failed.");
         logSuccessFailure(false);
         return false;
@@ -85,16 +314,9 @@ bool ClsScp::doRemoteTraverse(bool bComputeMode, XString& remoteDir, XString& lo
         }
     }
 
-    finishTreeChannel(*ssh, channel, sp, log);
+    finishTreeChannel(*ssh, channel.id(), sp, log);
     return true;
 }
-
-namespace {
-
-// What the record loop does after one record.
-enum class LoopCode { ContinueDir, ContinueFile, Done, Failed };
-
-}  // namespace
 
 bool ClsScp::consumeRecursiveResponse(bool bComputeMode, unsigned channel, int mode, bool recurse,
                                       XString& localDir, int64_t& totalByteCount,
@@ -104,209 +326,13 @@ bool ClsScp::consumeRecursiveResponse(bool bComputeMode, unsigned channel, int m
     totalNumDirs = 0;
     LogContextExitor ctx(log, "consumeRecursiveResponse");
     if (!ssh) return false;
-
     log.LogDataLong("bComputeMode", bComputeMode ? 1 : 0);
 
-    DataBuffer ready;
-    ready.appendChar('\0');
-    DataBuffer warning;
-    warning.appendChar('\x01');
-    DataBuffer skipText;
-    skipText.appendStr("skip\n");
-
-    const int ch = static_cast<int>(channel);
-    if (!sendScpData(ch, ready, sp, log)) return false;
-
-    if (log.m_verboseLogging) {
-        log.LogDataX("syncMustMatch", syncMustMatch);
-        log.LogDataX("syncMustNotMatch", syncMustNotMatch);
-        log.LogDataX("syncMustMatchDir", syncMustMatchDir);
-        log.LogDataX("syncMustNotMatchDir", syncMustNotMatchDir);
-    }
-    ExtPtrArraySb mustMatch, mustNotMatch, mustMatchDir, mustNotMatchDir;
-    syncMustMatch.getUtf8Sb().splitAndTrim(mustMatch, ';', true, true);
-    syncMustNotMatch.getUtf8Sb().splitAndTrim(mustNotMatch, ';', true, true);
-    syncMustMatchDir.getUtf8Sb().splitAndTrim(mustMatchDir, ';', true, true);
-    syncMustNotMatchDir.getUtf8Sb().splitAndTrim(mustNotMatchDir, ';', true, true);
-
-    ExtPtrArraySb dirStack;
-    ProgressMonitor* pm = sp.m_progressMonitor;
-
-    auto failAt = [&log](int where) {
-        log.LogDataLong("errReturnLoc", where);
-        return LoopCode::Failed;
-    };
-    // One answer on the channel; a missing SSH object counts as a failed send.
-    auto answer = [&](DataBuffer& bytes) { return ssh && sendScpData(ch, bytes, sp, log); };
-    auto announceReady = [&log]() {
-        if (log.m_verboseLogging) log.LogInfo("Sending 0 ready/continue byte..");
-    };
-
-    // The warning answer that makes the source give up the file just announced.
-    auto skipFile = [&]() {
-        if (log.m_verboseLogging) log.LogInfo("Sending 1 skip-data byte..");
-        if (!answer(warning)) return failAt(25);
-        if (sp.spAbortCheck(log)) return LoopCode::Failed;
-        if (!answer(skipText)) return failAt(26);
-        if (sp.spAbortCheck(log)) return LoopCode::Failed;
-        return dirStack.getSize() == 0 ? LoopCode::Done : LoopCode::ContinueFile;
-    };
-
-    auto endOfDir = [&]() {
-        if (dirStack.getSize() == 0) {
-            log.LogError("unexpected empty dir stack.");
-            abortRemainder(channel, sp, log);
-            return failAt(1);
-        }
-        StringBuffer* left = dirStack.pop();
-        if (log.m_verboseLogging) log.LogDataSb("exitDir", *left);
-        StringBuffer::deleteSb(left);
-        announceReady();
-        if (!answer(ready)) return failAt(2);
-        if (sp.spAbortCheck(log)) return LoopCode::Failed;
-        // The root's own "E" closes the walk.
-        return dirStack.getSize() == 0 ? LoopCode::Done : LoopCode::ContinueDir;
-    };
-
-    auto directory = [&](ScpFileInfo& info, bool skip) {
-        if (log.m_verboseLogging) log.LogDataSb(skip ? "skipDir" : "enterDir", info.filename);
-
-        const bool isRoot = dirStack.getSize() == 0;
-        // Pushed even when skipped: the skip pops it again below.
-        if (!dirStack.appendString(info.filename.getString())) return failAt(10);
-        info.contructRPath(dirStack, log);
-
-        if ((isRoot || recurse) && !skip) {
-            if (!remoteFiles) {
-                XString localPath;
-                if (needToDownload(mode, localDir, info, localPath, log)) {
-                    if (log.m_verboseLogging) log.LogInfo("This file will be downloaded..");
-                    ++totalNumDirs;
-                    if (!bComputeMode) {
-                        if (!FileSys::createDir(localPath, &log) &&
-                            !DirAutoCreate::ensureDirUtf8(localPath.getUtf8(), &log)) {
-                            abortRemainder(channel, sp, log);
-                            return failAt(3);
-                        }
-                        if (pm) pm->progressInfo("scp-localdir-created", localPath.getUtf8());
-                        // Never setuid, setgid or sticky bits from a server.
-                        FileSys::setPerm(localPath, info.permissions & 0777, &log);
-                        if (pm) pm->consumeProgress(100, &log);
-                    }
-                }
-            }
-            announceReady();
-            if (!answer(ready)) return failAt(14);
-            if (sp.spAbortCheck(log)) return failAt(15);
-            return LoopCode::ContinueDir;
-        }
-
-        if (log.m_verboseLogging)
-            log.LogInfo("Skipping this directory: sending 1 skip-data byte..");
-        if (!answer(warning)) return LoopCode::Failed;
-        if (sp.spAbortCheck(log)) return failAt(18);
-        if (!answer(skipText)) return failAt(19);
-        if (sp.spAbortCheck(log)) return failAt(20);
-        // The source sends neither the contents nor an "E" for a skipped directory.
-        StringBuffer::deleteSb(dirStack.pop());
-        return LoopCode::ContinueDir;
-    };
-
-    auto file = [&](ScpFileInfo& info, bool skip) {
-        info.contructRPath(dirStack, log);
-        if (log.m_verboseLogging) {
-            log.LogDataSb("filename", info.filename);
-            log.LogDataSb("rFilePath", info.rFilePath);
-            log.LogDataInt64("fileSize", info.fileSize);
-        }
-
-        if (remoteFiles) {
-            // Every remote file is recorded, whatever the file filters say.
-            if (ScpFileInfo* copy = info.cloneScpFi()) {
-                remoteFiles->hashInsert(info.rFilePath.getString(), copy);
-            }
-            if (log.m_verboseLogging) log.LogDataSb("hashingRemoteFile", info.rFilePath);
-            return skipFile();
-        }
-        if (skip) return skipFile();
-
-        XString localPath;
-        if (!needToDownload(mode, localDir, info, localPath, log)) return skipFile();
-        if (log.m_verboseLogging) log.LogInfo("This file will be downloaded...");
-        totalByteCount = addSaturating(totalByteCount, info.fileSize);
-        // Counted, but the data never cross in the compute pass.
-        if (bComputeMode) return skipFile();
-
-        announceReady();
-        if (!answer(ready)) return failAt(21);
-        if (sp.spAbortCheck(log)) return failAt(22);
-        if (pm) pm->progressInfo("scp-begin-download", info.rFilePath.getString());
-        if (!streamScpDataToFile(channel, localPath, info, sp, log)) {
-            abortRemainder(channel, sp, log);
-            return LoopCode::Failed;
-        }
-        syncedFiles.append(info.rFilePath);
-        syncedFiles.appendLineEnding();
-        if (pm) pm->progressInfo("scp-localfile-created", localPath.getUtf8());
-        announceReady();
-        if (!answer(ready)) return failAt(23);
-        if (sp.spAbortCheck(log)) return failAt(24);
-        // A single file as the remote root ends the walk.
-        return dirStack.getSize() == 0 ? LoopCode::Done : LoopCode::ContinueFile;
-    };
-
-    LoopCode code = LoopCode::ContinueDir;
-    while (code == LoopCode::ContinueDir || code == LoopCode::ContinueFile) {
-        ScpFileInfo info;
-        if (sp.spAbortCheck(log)) return false;
-
-        if (!receiveFileInfo(channel, info, sp, log)) {
-            // A failed read after the remote program has finished is the end
-            // of the stream, not an error.
-            if (sp.m_receivedEof || ssh->channelReceivedEof(ch, log)) {
-                code = LoopCode::Done;
-                break;
-            }
-            failAt(30);
-            return false;
-        }
-        if (sp.spAbortCheck(log)) return false;
-
-        if (info.isEndOfDir) {
-            code = endOfDir();
-            continue;
-        }
-
-        // A name that could lead outside the local root is refused before
-        // anything is created or recorded. The root directory's own name is
-        // never part of a local path (the server sends "." or "" for some
-        // roots), so it is exempt.
-        const bool isRootDir = info.isDirectory && dirStack.getSize() == 0;
-        if (!isRootDir && !isSafeRemoteName(info.filename)) {
-            log.LogError("Refusing an unsafe file name from the server.");
-            log.LogDataSb("unsafeName", info.filename);
-            abortRemainder(channel, sp, log);
-            return false;
-        }
-
-        XString name;
-        name.setFromSbUtf8(info.filename);
-        bool skip = info.isDirectory ? skipFromMustMatch(name, mustMatchDir, mustNotMatchDir, log)
-                                     : skipFromMustMatch(name, mustMatch, mustNotMatch, log);
-        if (info.isDirectory) {
-            code = directory(info, skip);
-        } else {
-            if (log.m_verboseLogging) {
-                log.LogInfo(skip ? "Skipping this file because of the must-match pattern..."
-                                 : "NOT skipping this file because of must-match pattern.");
-            }
-            code = file(info, skip);
-        }
-    }
-
-    if (code == LoopCode::Failed) return false;
-    if (log.m_verboseLogging) log.LogInfo("Returning true from consumeRecursiveResponse");
-    return true;
+    RemoteWalk walk(*this, bComputeMode, channel, mode, recurse, localDir, remoteFiles, sp, log);
+    bool ok = walk.run();
+    totalByteCount = walk.totalByteCount;
+    totalNumDirs = walk.totalNumDirs;
+    return ok;
 }
 
 }  // namespace scpkit

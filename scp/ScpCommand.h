@@ -1,5 +1,8 @@
-// Remote scp command lines and the closing of a finished command channel.
+// The channel of one remote scp, the closings the transfers share, and the
+// split of an upload's remote path.
 #pragma once
+
+#include <scpkit/scp/ClsScp.h>
 
 namespace scpkit {
 
@@ -8,33 +11,30 @@ class LogBase;
 class SocketParams;
 class XString;
 
-// Tells the SSH object, when the transfer's scope ends, that the transfer is
-// done with its channel (whatever the outcome), so that the channel may be
-// reclaimed; a channel still in use is never taken from its transfer.
-class ChannelFinisher {
+// The channel a call runs its remote scp on. When the call's scope ends the
+// SSH object is told that the call is done with it (whatever the outcome),
+// so that it may be reclaimed; a channel still in use is never taken.
+class ClsScp::ScpChannel {
   public:
-    ChannelFinisher(ClsSsh* ssh, int channel) : m_ssh(ssh), m_channel(channel) {}
-    ~ChannelFinisher();
-    ChannelFinisher(const ChannelFinisher&) = delete;
-    ChannelFinisher& operator=(const ChannelFinisher&) = delete;
+    explicit ScpChannel(ClsSsh* ssh) : m_ssh(ssh) {}
+    ~ScpChannel();
+    ScpChannel(const ScpChannel&) = delete;
+    ScpChannel& operator=(const ScpChannel&) = delete;
+
+    int id() const { return m_id; }
+    unsigned number() const { return static_cast<unsigned>(m_id); }
+    ClsSsh& ssh() const { return *m_ssh; }
 
   private:
+    friend class ClsScp;
     ClsSsh* m_ssh;
-    int m_channel;
+    int m_id = -1;
 };
-
-// prefix + argument, the argument enclosed in double quotes when `quote`
-// is true (nothing inside it is escaped).
-void buildScpCommand(const char* prefix, const XString& argument, bool quote, XString& command);
 
 // Splits an upload's remote path in place: `filename` receives the final
 // name part and the path keeps its directory part with the trailing
 // separator ("." when nothing remains; unchanged when the path ends with '/').
 void splitRemoteFilePath(XString& remotePath, XString& filename);
-
-// True when the text contains a blank (0x20), the one character that makes
-// a command argument quoted.
-bool containsBlank(const XString& text);
 
 // The closing used after a tree exchange: logs "receivedEof" and
 // "receivedClose"; when the peer has not closed, sends CLOSE and waits for

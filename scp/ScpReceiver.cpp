@@ -26,6 +26,12 @@ constexpr uint32_t kPermBits = 0777;
 }  // namespace
 
 bool ClsScp::receiveFileInfo(unsigned channel, ScpFileInfo& info, SocketParams& sp, LogBase& log) {
+    RecordRead how;
+    return readRecord(channel, info, how, sp, log);
+}
+
+bool ClsScp::readRecord(unsigned channel, ScpFileInfo& info, RecordRead& how, SocketParams& sp,
+                        LogBase& log) {
     LogContextExitor ctx(log, "receiveFileInfo");
     if (!ssh) return false;
     info.fileSize = 0;
@@ -35,7 +41,7 @@ bool ClsScp::receiveFileInfo(unsigned channel, ScpFileInfo& info, SocketParams& 
     info.haveTimes = false;
 
     StringBuffer line;
-    if (!readScpResponse(channel, line, sp, log)) {
+    if (!readLine(channel, line, how.framing, sp, log)) {
         log.LogDataLong("sshEof", sp.m_receivedEof ? 1 : 0);
         log.LogDataLong("sshChannelClosed", sp.m_receivedClose ? 1 : 0);
         return false;
@@ -52,12 +58,13 @@ bool ClsScp::receiveFileInfo(unsigned channel, ScpFileInfo& info, SocketParams& 
         info.isEndOfDir = true;
         return true;
     } else if (first == 'T') {
-        if (log.m_verboseLogging) log.LogInfo("Sending 0 ready/continue byte..");
-        DataBuffer zero;
-        zero.appendChar('\0');
-        if (!sendScpData(static_cast<int>(channel), zero, sp, log)) return false;
+        how.sawTimes = true;
+        if (!how.timesAnsweredAhead) {
+            if (log.m_verboseLogging) log.LogInfo("Sending 0 ready/continue byte..");
+            if (!sendByte(channel, '\0', sp, log)) return false;
+        }
         timesLine.append(line);
-        if (!readScpResponse(channel, header, sp, log)) return false;
+        if (!readLine(channel, header, how.framing, sp, log)) return false;
         if (log.m_verboseLogging) log.LogDataSb("T_responseLine", header);
     } else if (first == 'C' || first == 'D') {
         header.append(line);
@@ -70,6 +77,12 @@ bool ClsScp::receiveFileInfo(unsigned channel, ScpFileInfo& info, SocketParams& 
         return false;
     }
 
+    if (!parseHeader(header, info, log)) return false;
+    if (timesLine.getSize() != 0) parseTimes(timesLine, info, log);
+    return true;
+}
+
+bool ClsScp::parseHeader(StringBuffer& header, ScpFileInfo& info, LogBase& log) {
     if (header.lastChar() == '\n') header.shorten(1);
     const std::string& h = header.str();
     if (!h.empty() && h[0] == 'D') info.isDirectory = true;
@@ -95,38 +108,34 @@ bool ClsScp::receiveFileInfo(unsigned channel, ScpFileInfo& info, SocketParams& 
     if (log.m_verboseLogging) {
         log.LogDataSb(info.isDirectory ? "remoteDir" : "remoteFilename", info.filename);
     }
-
-    if (timesLine.getSize() != 0) {
-        unsigned modSeconds = 0;
-        int modMicros = 0;
-        unsigned accSeconds = 0;
-        int accMicros = 0;
-        int fields = _vqStdio::_vqSscanf4(timesLine.getString(), "T%u %d %u %d", &modSeconds,
-                                          &modMicros, &accSeconds, &accMicros);
-        if (fields != 4) {
-            log.LogError("Failed to parse last-mod/last-access date/times");
-        } else {
-            if (log.m_verboseLogging) log.LogInfo("LastMod and LastAcc times parsed OK.");
-            info.lastModTime.fromUnixTime32(modSeconds, 0);
-            info.lastAccTime.fromUnixTime32(accSeconds, 0);
-            info.haveTimes = true;
-        }
-    }
     return true;
+}
+
+void ClsScp::parseTimes(const StringBuffer& timesLine, ScpFileInfo& info, LogBase& log) {
+    unsigned modSeconds = 0;
+    int modMicros = 0;
+    unsigned accSeconds = 0;
+    int accMicros = 0;
+    int fields = _vqStdio::_vqSscanf4(timesLine.getString(), "T%u %d %u %d", &modSeconds,
+                                      &modMicros, &accSeconds, &accMicros);
+    // A record without times is still a record.
+    if (fields != 4) {
+        log.LogError("Failed to parse last-mod/last-access date/times");
+        return;
+    }
+    if (log.m_verboseLogging) log.LogInfo("LastMod and LastAcc times parsed OK.");
+    info.lastModTime.fromUnixTime32(modSeconds, 0);
+    info.lastAccTime.fromUnixTime32(accSeconds, 0);
+    info.haveTimes = true;
 }
 
 bool ClsScp::receiveFile(unsigned channel, _vqOutput& out, bool resetProgress, ScpFileInfo& info,
                          SocketParams& sp, LogBase& log) {
     LogContextExitor ctx(log, "receiveFile");
     if (!ssh) return false;
-    auto sendReady = [&]() {
-        DataBuffer zero;
-        zero.appendChar('\0');
-        return sendScpData(static_cast<int>(channel), zero, sp, log);
-    };
-    if (!sendReady()) return false;
+    if (!sendByte(channel, '\0', sp, log)) return false;
     if (!receiveFileInfo(channel, info, sp, log)) return false;
-    if (!sendReady()) return false;
+    if (!sendByte(channel, '\0', sp, log)) return false;
     if (resetProgress && sp.m_progressMonitor) {
         sp.m_progressMonitor->progressReset(info.fileSize, &log);
         out.m_reportsProgress = true;
@@ -195,7 +204,7 @@ bool ClsScp::streamScpDataToFile(unsigned channel, XString& localPath, ScpFileIn
         file->setFileTimeUtc_3(info.lastModTime, info.lastAccTime, info.lastModTime, nullptr);
     }
     file->closeHandle();
-    FileSys::setPerm(localPath, info.permissions & kPermBits, nullptr);
+    if (file->isRegularFile()) FileSys::setPerm(localPath, info.permissions & kPermBits, nullptr);
     if (log.m_verboseLogging) log.LogInfo("Successfully downloaded file.");
     return true;
 }
@@ -203,13 +212,11 @@ bool ClsScp::streamScpDataToFile(unsigned channel, XString& localPath, ScpFileIn
 bool ClsScp::abortRemainder(unsigned channel, SocketParams& sp, LogBase& log) {
     LogContextExitor ctx(log, "abortRemainder");
     if (!ssh) return false;
-    DataBuffer fatal;
-    fatal.appendChar('\x02');
     DataBuffer text;
     text.appendStr("abort\n");
 
     if (log.m_verboseLogging) log.LogInfo("Sending abort byte..");
-    if (!sendScpData(static_cast<int>(channel), fatal, sp, log)) return false;
+    if (!sendByte(channel, '\x02', sp, log)) return false;
     if (sp.spAbortCheck(log)) return false;
     if (!sendScpData(static_cast<int>(channel), text, sp, log)) return false;
     return !sp.spAbortCheck(log);

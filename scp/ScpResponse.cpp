@@ -22,6 +22,11 @@ bool isTextByte(unsigned char c) {
 }  // namespace
 
 bool ClsScp::readScpResponse(unsigned channel, StringBuffer& line, SocketParams& sp, LogBase& log) {
+    return readLine(channel, line, Framing::AllReceived, sp, log);
+}
+
+bool ClsScp::readLine(unsigned channel, StringBuffer& line, Framing framing, SocketParams& sp,
+                      LogBase& log) {
     LogContextExitor ctx(log, "readScpResponse");
     if (!ssh) return false;
     int ch = static_cast<int>(channel);
@@ -32,21 +37,27 @@ bool ClsScp::readScpResponse(unsigned channel, StringBuffer& line, SocketParams&
     DataBuffer received;
     bool complete = false;
     bool tooLong = false;
+    auto takeLine = [&]() {
+        if (framing == Framing::ThroughLineFeed) {
+            ssh->getReceivedDataThrough(ch, '\n', received, log);
+        } else {
+            ssh->getReceivedData(ch, received, log);
+        }
+        complete = true;
+    };
     {
         QuietLog quiet(log);
         if (ssh->receivedDataContainsChar(ch, '\n')) {
-            ssh->getReceivedData(ch, received, log);
-            complete = true;
+            takeLine();
         } else {
             for (;;) {
                 int n = ssh->channelRead(ch, sp, log);
                 if (n >= 1) {
-                    bool hasLf = ssh->receivedDataContainsChar(ch, '\n');
-                    ssh->getReceivedData(ch, received, log);
-                    if (hasLf) {
-                        complete = true;
+                    if (ssh->receivedDataContainsChar(ch, '\n')) {
+                        takeLine();
                         break;
                     }
+                    ssh->getReceivedData(ch, received, log);
                     if (received.getSize() > kMaxControlLine) {
                         tooLong = true;
                         break;
@@ -65,6 +76,11 @@ bool ClsScp::readScpResponse(unsigned channel, StringBuffer& line, SocketParams&
 
 bool ClsScp::waitForGo(DataBuffer& buf, OutputDataBuffer& out, unsigned channel, SocketParams& sp,
                        LogBase& log) {
+    return readAck(buf, out, channel, Framing::AllReceived, sp, log);
+}
+
+bool ClsScp::readAck(DataBuffer& buf, OutputDataBuffer& out, unsigned channel, Framing framing,
+                     SocketParams& sp, LogBase& log) {
     if (!ssh) return false;
     int ch = static_cast<int>(channel);
     out.resetOutput(log);
@@ -98,7 +114,7 @@ bool ClsScp::waitForGo(DataBuffer& buf, OutputDataBuffer& out, unsigned channel,
     if (status == 1) {
         log.LogError("Reading the SCP error message...");
         StringBuffer text;
-        readScpResponse(channel, text, sp, log);
+        readLine(channel, text, framing, sp, log);
         text.trim2();
         log.LogDataSb("scpError", text);
         if (text.containsSubstring("set times:")) {

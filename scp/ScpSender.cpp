@@ -24,6 +24,12 @@ bool ClsScp::sendScpData(int channel, DataBuffer& data, SocketParams& sp, LogBas
     return ssh->channelSendData(static_cast<unsigned>(channel), data, sp, log);
 }
 
+bool ClsScp::sendByte(unsigned channel, char byte, SocketParams& sp, LogBase& log) {
+    DataBuffer data;
+    data.appendChar(byte);
+    return sendScpData(static_cast<int>(channel), data, sp, log);
+}
+
 bool ClsScp::sendFileTimes(int channel, ScpFileInfo& info, SocketParams& sp, LogBase& log) {
     LogContextExitor ctx(log, "sendFileTimes");
     if (!ssh) return false;
@@ -110,9 +116,7 @@ bool ClsScp::sendFile(int channel, _vqDataSource& source, bool /*unused*/, ScpFi
     if (!sent) return false;
 
     // End of data; its acknowledgement is read by the caller.
-    DataBuffer zero;
-    zero.appendChar('\0');
-    if (!sendScpData(channel, zero, sp, log)) {
+    if (!sendByte(ch, '\0', sp, log)) {
         log.LogError("Failed to send the final 0 byte.");
         return false;
     }

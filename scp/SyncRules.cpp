@@ -13,6 +13,7 @@
 #include <scpkit/base/StringHashMap.h>
 #include <scpkit/base/XString.h>
 #include <scpkit/scp/ClsScp.h>
+#include <scpkit/scp/NameFilters.h>
 #include <scpkit/scp/ScpFileInfo.h>
 
 namespace scpkit {
@@ -133,6 +134,23 @@ bool ClsScp::skipFromMustMatch(XString& name, ExtPtrArraySb& mustMatch, ExtPtrAr
     if (mustMatch.getSize() > 0 && !vqMatchesAny(name, mustMatch, false)) return true;
     if (mustNotMatch.getSize() > 0 && vqMatchesAny(name, mustNotMatch, false)) return true;
     return false;
+}
+
+ClsScp::NameFilters::NameFilters(const ClsScp& scp) {
+    scp.syncMustMatch.getUtf8Sb().splitAndTrim(mustMatch, ';', true, true);
+    scp.syncMustNotMatch.getUtf8Sb().splitAndTrim(mustNotMatch, ';', true, true);
+    scp.syncMustMatchDir.getUtf8Sb().splitAndTrim(mustMatchDir, ';', true, true);
+    scp.syncMustNotMatchDir.getUtf8Sb().splitAndTrim(mustNotMatchDir, ';', true, true);
+}
+
+bool ClsScp::NameFilters::skips(ClsScp& scp, XString& name, bool isDirectory, LogBase& log) {
+    return isDirectory ? scp.skipFromMustMatch(name, mustMatchDir, mustNotMatchDir, log)
+                       : scp.skipFromMustMatch(name, mustMatch, mustNotMatch, log);
+}
+
+bool ClsScp::NameFilters::empty() const {
+    return mustMatch.getSize() == 0 && mustNotMatch.getSize() == 0 && mustMatchDir.getSize() == 0 &&
+           mustNotMatchDir.getSize() == 0;
 }
 
 }  // namespace scpkit

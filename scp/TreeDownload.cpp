@@ -14,11 +14,7 @@ bool ClsScp::SyncTreeDownload(XString& remoteDirRoot, XString& localDirRoot, int
 
     // Cleared first, so that the list only ever names this run's files.
     syncedFiles.clear();
-    if (!ssh) {
-        m_log.LogError("No SSH object has been set.  Must call UseSsh first.");
-        logSuccessFailure(false);
-        return false;
-    }
+    if (!requireSsh(m_log)) return false;
 
     ProgressMonitorPtr pmPtr(progress, m_pollIntervalMs, m_percentScale, 0);
     ProgressMonitor* pm = pmPtr.getPm();

@@ -16,11 +16,7 @@ bool ClsScp::SyncTreeUpload(XString& localDirRoot, XString& remoteDirRoot, int m
 
     // Emptied first, so that even a call that fails at once leaves it empty.
     syncedFiles.clear();
-    if (!ssh) {
-        m_log.LogError("No SSH object has been set.  Must call UseSsh first.");
-        logSuccessFailure(false);
-        return false;
-    }
+    if (!requireSsh(m_log)) return false;
 
     ProgressMonitorPtr pmPtr(progress, m_pollIntervalMs, m_percentScale, 0);
     ProgressMonitor* pm = pmPtr.getPm();

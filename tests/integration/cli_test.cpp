@@ -1,13 +1,17 @@
-// The scpkit program end to end against the loopback sshd: every command,
-// what it prints, its exit statuses, pipes, interrupts and the terminal.
+// The scpkit program end to end against the loopback sshd: the forms of its
+// arguments, its exit statuses and one-line errors, signals and what they
+// leave on disk, its lists, the terminal and the user's ssh setup.
 #include <gtest/gtest.h>
 
+#include <dirent.h>
 #include <netinet/in.h>
 #include <pwd.h>
 #include <sys/stat.h>
 #include <csignal>
 #include <random>
+#include <regex>
 #include <sstream>
+#include <thread>
 
 #include "tests/support/ChildProcess.h"
 #include "tests/support/SshdFixture.h"
@@ -33,7 +37,6 @@ std::string outputOf(const ChildResult& r) {
     return "<exit " + std::to_string(r.exitStatus) + ": " + r.err + ">";
 }
 
-// A command line written with blanks between the words.
 Args words(const std::string& line) {
     Args out;
     std::istringstream in(line);
@@ -41,148 +44,180 @@ Args words(const std::string& line) {
     return out;
 }
 
-// A loopback port bound but not listening: it refuses every connection.
-struct RefusingPort {
-    int fd = socket(AF_INET, SOCK_STREAM, 0);
-    int port = 0;
-    RefusingPort() {
-        sockaddr_in a{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
-        socklen_t len = sizeof a;
-        bind(fd, reinterpret_cast<sockaddr*>(&a), len);
-        getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len);
-        port = ntohs(a.sin_port);
-    }
-    ~RefusingPort() { close(fd); }
-};
+// Names in a directory in the order the file system lists them.
+std::vector<std::string> listingOrder(const std::string& dir) {
+    std::vector<std::string> names;
+    DIR* d = opendir(dir.c_str());
+    while (dirent* e = d ? readdir(d) : nullptr)
+        if (std::string(".") != e->d_name && std::string("..") != e->d_name)
+            names.push_back(e->d_name);
+    if (d) closedir(d);
+    return names;
+}
 
 class CliTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        ASSERT_FALSE(kProgram.empty()) << "the scpkit program was not built";
         sshd = &SshdFixture::shared();
         if (!sshd->ok()) GTEST_SKIP() << "no sshd: " << sshd->error();
         dir = sshd->makeScratchDir(::testing::UnitTest::GetInstance()->current_test_info()->name());
         local = dir + "/local";
         rdir = dir + "/remote";
-        for (const std::string& d : {home(), local, rdir}) makeDir(d);
+        for (const std::string& d : {dir + "/home", local, rdir}) makeDir(d);
     }
-    std::string home() const { return dir + "/home"; }
     std::string remote(const std::string& p) const { return sshd->user() + "@127.0.0.1:" + p; }
     // A private HOME and no agent: nothing of the user running the tests takes part.
     Args environment(Args extra = {}) const {
-        extra.insert(extra.end(), {"HOME=" + home(), "SSH_AUTH_SOCK", "SSH_AGENT_PID"});
+        extra.insert(extra.end(), {"HOME=" + dir + "/home", "SSH_AUTH_SOCK", "SSH_AGENT_PID"});
         return extra;
     }
-    // The fixture's server, key and known hosts; `extra` options given later win.
-    Args connection(const Args& extra = {}) const {
+    // The fixture's server, key and known hosts, then `line`, in which L/ and
+    // R/ stand for the local and the remote directory (options given later win).
+    Args command(const std::string& line) const {
         Args all = words("-P " + std::to_string(sshd->port()) + " -i " + sshd->clientKeyPath() +
                          " --known-hosts " + sshd->knownHostsPath() + " --no-ssh-config");
-        all.insert(all.end(), extra.begin(), extra.end());
+        for (std::string w : words(line)) {
+            if (w.rfind("L/", 0) == 0) w = local + w.substr(1);
+            if (w.rfind("R/", 0) == 0) w = remote(rdir + w.substr(1));
+            all.push_back(w);
+        }
         return all;
     }
-    ChildResult scpkit(const Args& args, const std::string& input = "", const Args& extra = {}) {
-        Args all = connection(extra);
-        all.insert(all.end(), args.begin(), args.end());
-        return runChild(kProgram, all, environment(), input);
+    ChildResult scpkit(const std::string& line, const std::string& input = "") {
+        return runChild(kProgram, command(line), environment(), input);
     }
 
     SshdFixture* sshd = nullptr;
     std::string dir, local, rdir;
 };
 
-TEST_F(CliTest, PutAndGetCarryEveryByteThroughFilesAndPipes) {
+TEST_F(CliTest, EachArgumentFormPutsTheBytesWhereScpWould) {
     std::string bytes = randomBytes(1 << 20, 1) + std::string("\0\r\n\x1b[2J", 7);
     writeFile(local + "/data.bin", bytes, -1, 0640);
-    const std::pair<Args, std::string> steps[] = {
-        // the arguments, where the bytes land
-        {{"put", local + "/data.bin", remote(rdir + "/copy.bin")}, rdir + "/copy.bin"},
-        {{"put", local + "/data.bin", remote(rdir + "/")}, rdir + "/data.bin"},
-        {{"put", "-", remote(rdir + "/piped.bin")}, rdir + "/piped.bin"},
-        {{"get", remote(rdir + "/piped.bin"), local + "/back.bin"}, local + "/back.bin"},
-        {{"get", remote(rdir + "/copy.bin"), local}, local + "/copy.bin"}};
-    for (const auto& [args, landed] : steps) {
-        SCOPED_TRACE(args[1] + " " + args[2]);
-        EXPECT_EQ(outputOf(scpkit(args, args[1] == "-" ? bytes : "")), "");
-        EXPECT_TRUE(readFile(landed) == bytes);
+    writeFile(local + "/a.txt", "a");
+    writeFile(local + "/b.txt", "b");
+    writeFile(rdir + "/dir/.hidden.txt", "h");
+    makeDir(local + "/into");
+    const struct {
+        std::string line, input, landed, content;
+    } steps[] = {{"-c aes128-ctr put L/data.bin R/copy.bin", "", rdir + "/copy.bin", bytes},
+                 {"put L/data.bin R/", "", rdir + "/data.bin", bytes},
+                 {"--connect-timeout 5 put L/a.txt L/b.txt R/dir", "", rdir + "/dir/b.txt", "b"},
+                 {"put L/data.bin R/dir", "", rdir + "/dir/data.bin", bytes},  // a dir without '/'
+                 {"put - R/piped.bin", bytes, rdir + "/piped.bin", bytes},
+                 {"-l 1000000 get R/piped.bin L/back.bin", "", local + "/back.bin", bytes},
+                 {"get R/copy.bin L/", "", local + "/copy.bin", bytes},
+                 {"get R/dir/a.txt R/dir/b.txt L/into", "", local + "/into/a.txt", "a"},
+                 {"get R/dir/*.t?t L/into", "", local + "/into/b.txt", "b"},
+                 {"put --chmod 0600 L/a.txt R/c", "", rdir + "/c", "a"}};
+    for (const auto& s : steps) {
+        SCOPED_TRACE(s.line);
+        if (s.line.find("*.t") != std::string::npos) unlink((local + "/into/b.txt").c_str());
+        EXPECT_EQ(outputOf(scpkit(s.line, s.input)), "");
+        EXPECT_TRUE(readFile(s.landed) == s.content);
     }
-    std::string out = outputOf(scpkit({"get", remote(rdir + "/piped.bin"), "-"}));
-    EXPECT_TRUE(out == bytes) << out.size() << " bytes: " << out.substr(0, 200);
-    EXPECT_EQ(outputOf(scpkit({"put", "-", remote(rdir + "/empty")})), "");
-    EXPECT_TRUE(pathExists(rdir + "/empty") && readFile(rdir + "/empty").empty());
+    // The wildcard took b.txt and a.txt again, not .hidden.txt, not data.bin.
+    EXPECT_EQ(listTree(local + "/into"), (std::vector<std::string>{"a.txt", "b.txt"}));
+    EXPECT_TRUE(outputOf(scpkit("get R/piped.bin -")) == bytes);
+    EXPECT_EQ(fileMode(rdir + "/copy.bin"), 0640u);  // the mode travels
+    EXPECT_EQ(fileMode(rdir + "/c"), 0600u);
 
-    // The local mode travels unless --chmod says otherwise.
-    EXPECT_EQ(
-        outputOf(scpkit({"put", "--chmod", "0600", local + "/data.bin", remote(rdir + "/c")})), "");
-    TreeSnapshot landed = snapshotTree(rdir);
-    EXPECT_EQ(landed["copy.bin"].mode, 0640u);
-    EXPECT_EQ(landed["c"].mode, 0600u);
+    // A link keeps pointing at the file it named, which takes the new content;
+    // a replaced file keeps its owner; a fifo is written through, mode kept.
+    symlink((local + "/back.bin").c_str(), (local + "/link").c_str());
+    chown((local + "/back.bin").c_str(), 65534, 65534);
+    std::string fifo = local + "/fifo", fromFifo;
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    chmod(fifo.c_str(), 0620);
+    std::thread reader([&] { fromFifo = readFile(fifo); });
+    EXPECT_EQ(outputOf(scpkit("get R/dir/a.txt L/link")), "");
+    EXPECT_EQ(outputOf(scpkit("get R/copy.bin L/fifo")), "");
+    reader.join();
+    EXPECT_TRUE(fromFifo == bytes);
+    struct stat st {};
+    EXPECT_TRUE(lstat(fifo.c_str(), &st) == 0 && S_ISFIFO(st.st_mode) &&
+                (st.st_mode & 0777) == 0620);
+    EXPECT_TRUE(lstat((local + "/link").c_str(), &st) == 0 && S_ISLNK(st.st_mode));
+    EXPECT_TRUE(stat((local + "/back.bin").c_str(), &st) == 0 && st.st_uid == 65534u);
+    EXPECT_EQ(readFile(local + "/back.bin"), "a");
 }
 
 TEST_F(CliTest, PushAndPullListExactlyTheFilesTheyCopied) {
     const std::vector<std::string> all = {"a.txt", "sub/b.txt", "sub/deep/c.bin", "with space.txt"};
-    std::string src = local + "/tree", dst = rdir + "/tree", pulled = local + "/pulled";
-    for (const std::string& f : all) writeFile(src + "/" + f, randomBytes(70000, f[0]), 1000000000);
-    makeDir(src + "/empty");
+    for (const std::string& f : all)
+        writeFile(local + "/src/" + f, randomBytes(70000, f[0]), 1000000000);
+    makeDir(local + "/src/empty");
+    const std::string src = local + "/src", dst = rdir + "/tree";
 
-    std::string push = outputOf(scpkit({"push", src, remote(dst)}));  // dst is made first
+    std::string push = outputOf(scpkit("push L/src R/tree"));  // R/tree is made first
     EXPECT_EQ(sortedLines(push), all) << push;
     EXPECT_EQ(snapshotTree(dst), snapshotTree(src));
     writeFile(src + "/sub/b.txt", "second edition\n");
-    EXPECT_EQ(outputOf(scpkit({"push", "--mode", "newer", src, remote(dst)})), "sub/b.txt\n");
-    EXPECT_EQ(outputOf(scpkit({"push", "--mode", "newer", src, remote(dst)})), "");  // times kept
+    EXPECT_EQ(outputOf(scpkit("push --mode newer L/src R/tree")), "sub/b.txt\n");
+    EXPECT_EQ(outputOf(scpkit("push --mode newer L/src R/tree")), "");  // times kept
     EXPECT_EQ(readFile(dst + "/sub/b.txt"), "second edition\n");
 
-    std::string pull = outputOf(scpkit({"pull", remote(dst), pulled}));
+    std::string pull = outputOf(scpkit("pull R/tree L/pulled"));
     EXPECT_EQ(sortedLines(pull), all) << pull;
-    EXPECT_EQ(snapshotTree(pulled), snapshotTree(dst));
-    EXPECT_EQ(outputOf(scpkit({"pull", "--mode", "missing", remote(dst), pulled})), "");
-    EXPECT_EQ(outputOf(scpkit({"-q", "pull", remote(dst), local + "/quiet"})), "");
-    EXPECT_EQ(snapshotTree(local + "/quiet"), snapshotTree(pulled));
+    EXPECT_EQ(snapshotTree(local + "/pulled"), snapshotTree(dst));
+    EXPECT_EQ(outputOf(scpkit("pull --mode missing R/tree L/pulled")), "");
+    EXPECT_EQ(outputOf(scpkit("-q pull R/tree L/quiet")), "");
 
     // Repeated filter options add up; each reaches its own property.
-    const std::pair<Args, std::vector<std::string>> filters[] = {
-        {{"push", "--match", "*.txt", "--match", "*.bin", "--exclude", "a*", "--exclude-dir",
-          "deep", src, remote(rdir + "/new dir")},  // made through the remote shell
+    const std::pair<std::string, Args> filters[] = {
+        {"push --match *.txt --match *.bin --exclude a* --exclude-dir deep L/src",  // to "new dir"
          {"sub/b.txt", "with space.txt"}},
         // The remote root is a directory too: it must match.
-        {{"pull", "--match-dir", "tree", "--match-dir", "sub", "--exclude", "w*", remote(dst),
-          local + "/f2"},
-         {"a.txt", "sub/b.txt"}},
-        {{"pull", "--no-recurse", remote(dst), local + "/f3"}, {"a.txt", "with space.txt"}}};
-    for (const auto& [args, copied] : filters) {
-        std::string listed = outputOf(scpkit(args));
+        {"pull --match-dir tree --match-dir sub --exclude w* R/tree L/f2", {"a.txt", "sub/b.txt"}},
+        {"pull --no-recurse R/tree L/f3", {"a.txt", "with space.txt"}}};
+    for (const auto& [line, copied] : filters) {
+        Args args = command(line);
+        if (line[1] == 'u' && line[2] == 's') args.push_back(remote(rdir + "/new dir"));
+        std::string listed = outputOf(runChild(kProgram, args, environment()));
         EXPECT_EQ(sortedLines(listed), copied) << listed;
     }
 }
 
-TEST_F(CliTest, FailuresSayWhatWentWrongOnOneLine) {
-    std::string otherKey = dir + "/other_key", noHosts = dir + "/empty_known_hosts";
-    writeFile(otherKey, "not a key");
-    writeFile(noHosts, "");
+TEST_F(CliTest, FailuresExitWithTheirStatusAndSayWhyOnOneLine) {
+    writeFile(local + "/not_a_key", "not a key");
+    writeFile(local + "/no_hosts", "");
     writeFile(local + "/f", "data");
+    writeFile(local + "/precious", "precious");
     writeFile(rdir + "/x", "present");
-    RefusingPort refusing;
-    std::string gone = remote(rdir + "/gone");
-    Args put = {"put", local + "/f", remote(rdir + "/y")};
-    // The remote scp quotes the name back in its error message.
-    std::string hostile = remote(rdir + "/no\x1b[2Jsuch\x07\x1b[31m\xc2\x9b-file");
+    makeDir(rdir + "/d");
+    makeDir(local + "/empty");
+    // A loopback port bound but not listening: it refuses every connection.
+    int refusing = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in a{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
+    socklen_t len = sizeof a;
+    bind(refusing, reinterpret_cast<sockaddr*>(&a), len);
+    getsockname(refusing, reinterpret_cast<sockaddr*>(&a), &len);
     const struct {
-        Args conn, args;
+        std::string line;
         int status;
         std::string says;
         bool hint;  // after a library call: how to get the full log
-    } cases[] = {{{"-P", std::to_string(refusing.port)}, put, 3, "cannot connect", true},
-                 {{"-i", otherKey}, put, 3, "authentication failed", true},
-                 {{"--known-hosts", noHosts}, put, 3, "Host key verification failed", true},
-                 {{}, {"get", gone, local + "/got"}, 1, "No such file or directory", true},
-                 {{}, {"get", hostile, local + "/got"}, 1, "No such file or directory", true},
-                 {{}, {"get", remote(rdir + "/x"), local + "/no/dir/file"}, 1, "get", true},
-                 {{}, {"put", local + "/absent", remote(rdir + "/y")}, 1, "absent", false},
-                 {{}, {"put", local, remote(rdir + "/y")}, 1, "push copies directories", false},
-                 {{}, {"--log", dir + "/log", "get", gone, local}, 1, "full log in", false}};
+    } cases[] = {
+        {"-P " + std::to_string(ntohs(a.sin_port)) + " put L/f R/y", 3, "cannot connect", true},
+        {"-i L/not_a_key put L/f R/y", 3, "authentication failed", true},
+        {"--known-hosts L/no_hosts put L/f R/y", 3, "Host key verification failed", true},
+        {"-c 3des-cbc put L/f R/y", 3, "cannot connect", true},
+        {"get R/no\x1b[2Jsuch\x07\x1b[31m\xc2\x9b-f L/precious", 1,
+         rdir + "/nosuch-f failed: no such file or directory on the server", true},
+        {"get R/d L/precious", 1, "it is a directory on the server", true},
+        {"get R/x L/no/dir/file", 1, "no such directory: " + local + "/no/dir", false},
+        {"get R/d/*.txt L/", 1, "no file on the server matches", false},
+        {"get R/nodir/*.txt L/", 1, "no such file or directory on the server", true},
+        {"pull R/x L/p", 1, "it is a file on the server, not a directory", true},
+        {"put L/absent R/y", 1, "not a readable file", false},
+        {"put L/ R/y", 1, "push copies directories", false},
+        {"put L/f R/missing/y", 1, "no such directory on the server: " + rdir + "/missing", true},
+        {"--debug-log /nonexistent/log get R/x L/z", 2, "cannot write the debug log", false},
+        {"--log L/log get R/gone L/precious", 1, "full log in", false},
+        {"push --exclude sub/* --match *.o L/empty R/e", 0, "'sub/*' matches nothing", false}};
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.says);
-        ChildResult r = scpkit(c.args, "", c.conn);
+        SCOPED_TRACE(c.line);
+        ChildResult r = scpkit(c.line);
         EXPECT_EQ(r.exitStatus, c.status) << r.err;
         EXPECT_EQ(r.out, "");
         EXPECT_EQ(r.err.rfind("scpkit: ", 0), 0u) << r.err;
@@ -190,66 +225,68 @@ TEST_F(CliTest, FailuresSayWhatWentWrongOnOneLine) {
         EXPECT_EQ(r.err.find("--log FILE") != std::string::npos, c.hint) << r.err;
         for (unsigned char ch : r.err)
             EXPECT_TRUE((ch >= 0x20 && ch != 0x7f) || ch == '\n') << r.err;
-        EXPECT_EQ(r.err.find('\n'), r.err.size() - 1) << "one line";
+        std::string line = r.err.substr(0, r.err.find("Run 'scpkit --help'"));
+        EXPECT_EQ(line.find('\n'), line.size() - 1) << "one line";
     }
-    EXPECT_FALSE(pathExists(local + "/got")) << "a failed get leaves no file";
-    EXPECT_FALSE(pathExists(rdir + "/y"));
-    std::string log = readFile(dir + "/log");
-    for (const char* text : {"DownloadFile:", "No such file or directory", "Failed.", "--Download"})
+    close(refusing);
+    EXPECT_EQ(readFile(local + "/precious"), "precious") << "a failed get keeps the old file";
+    EXPECT_EQ(listTree(local), (Args{"empty", "f", "log", "no_hosts", "not_a_key", "precious"}));
+    EXPECT_EQ(listTree(rdir), (Args{"d", "e", "x"}));
+    std::string log = readFile(local + "/log");
+    for (const char* text : {"DownloadFile:", "No such file or directory", "probeRemotePath"})
         EXPECT_NE(log.find(text), std::string::npos) << text << " in " << log;
-    EXPECT_EQ(log.find("fileSize:"), std::string::npos) << "not verbose unless asked";
-
-    EXPECT_EQ(outputOf(scpkit({"--log", dir + "/v.log", "--verbose-log", "--debug-log",
-                               dir + "/d.log", "get", remote(rdir + "/x"), local + "/x"})),
-              "");
-    EXPECT_NE(readFile(dir + "/v.log").find("fileSize: 7"), std::string::npos);
-    EXPECT_NE(readFile(dir + "/v.log").find("Success."), std::string::npos);
-    EXPECT_NE(readFile(dir + "/d.log").find("DownloadFile"), std::string::npos);
+    EXPECT_EQ(outputOf(scpkit("--log L/v.log --verbose-log get R/x L/x")), "");
+    EXPECT_NE(readFile(local + "/v.log").find("fileSize: 7"), std::string::npos);
 }
 
-TEST_F(CliTest, UsageErrorsExitTwoWithoutConnecting) {
-    writeFile(local + "/f", "x");
-    // F: a local file, D: a local directory, H: a remote file. The unset
-    // passphrase variable is found before connecting; a connection attempt
-    // would end in status 3.
-    // clang-format off
-    const char* cases[] = {"", "put F", "fetch F H", "put F H extra", "get nocolon F", "get F H",
-        "put - h:", "put - h:dir/", "get h: F", "push - H", "pull H -", "put --mode all F H",
-        "get H F --exclude *.o", "get H F --chmod 644", "put --chmod 9 F H", "put --chmod rw F H",
-        "push --filename-only D H", "push --mode fastest D H", "push --mode 6 D H",
-        "--port 65536 put F H", "--host-key-check maybe put F H", "--progress --no-progress put F H",
-        "--env novalue put F H", "--env 1X=2 put F H", "--connect-timeout -5 put F H",
-        "--bogus put F H", "--identity k --password-env P put F H",
-        "--passphrase-env SCPKIT_UNSET put F H"};
-    // clang-format on
-    RefusingPort refusing;
-    for (const char* line : cases) {
-        Args args = {"-P", std::to_string(refusing.port), "-i", local + "/f"};
-        for (const std::string& w : words(line))
-            args.push_back(w == "F" ? local + "/f" : w == "D" ? local : w == "H" ? "h:x" : w);
-        ChildResult r = runChild(kProgram, args, environment());
-        EXPECT_EQ(r.exitStatus, 2) << line << ": " << r.err;
-        EXPECT_EQ(r.out, "");
-        EXPECT_EQ(r.err.rfind("scpkit: ", 0), 0u) << r.err;
+// Each run is stopped while a file far too big to finish is on its way.
+TEST_F(CliTest, SignalsStopCleanlyAndLeaveNoPartialFile) {
+    for (const std::string& d : {rdir + "/tree", local + "/src"}) {
+        writeFile(d + "/huge.img", "");
+        ASSERT_EQ(truncate((d + "/huge.img").c_str(), off_t(8) << 30), 0);  // takes no room
+        // Small files the walk meets before the huge one are done and
+        // listed first: there are some whatever order the file system keeps.
+        for (int i = 0; listingOrder(d).front() == "huge.img"; ++i)
+            writeFile(d + "/s" + std::to_string(i) + ".txt", "small");
     }
-    EXPECT_NE(outputOf(runChild(kProgram, {"push", "--help"}, {})).find("LOCAL_DIR"),
-              std::string::npos);
-    EXPECT_EQ(outputOf(runChild(kProgram, {"--version"}, {})).rfind("scpkit ", 0), 0u);
-}
-
-TEST_F(CliTest, UsesTheUsersSshSetupLikeSsh) {
-    // The alias, port and user from ~/.ssh/config, the server's key from
-    // ~/.ssh/known_hosts and the default key file.
-    writeFile(home() + "/.ssh/config", "Host sandbox\n HostName 127.0.0.1\n Port " +
-                                           std::to_string(sshd->port()) + "\n User " +
-                                           sshd->user() + "\n");
-    writeFile(home() + "/.ssh/known_hosts", readFile(sshd->knownHostsPath()));
-    writeFile(home() + "/.ssh/id_ed25519", readFile(sshd->clientKeyPath()), -1, 0600);
-    writeFile(rdir + "/motd", "welcome\n");
-    Args get = {"get", "sandbox:" + rdir + "/motd", "-"};
-    EXPECT_EQ(outputOf(runChild(kProgram, get, environment())), "welcome\n");
-    get.insert(get.begin(), "--no-ssh-config");  // "sandbox" is no host name any more
-    EXPECT_EQ(runChild(kProgram, get, environment()).exitStatus, 3);
+    writeFile(local + "/kept.img", "old");
+    const struct {
+        std::string line, partial;  // the file growing at the signal (- ends a prefix)
+        int sig;
+        bool lists;
+    } cases[] = {{"get R/tree/huge.img L/kept.img", "L/.scpkit-partial-", SIGTERM, false},
+                 {"pull R/tree L/pulled", "L/pulled/huge.img", SIGINT, true},
+                 {"pull R/tree L/killed", "L/killed/huge.img", SIGKILL, true},
+                 {"--progress pull R/tree L/barred", "L/barred/huge.img", SIGHUP, true},
+                 {"push L/src R/pushed", "R/pushed/huge.img", SIGTERM, true},
+                 {"put L/src/huge.img R/put.img", "R/put.img", SIGINT, false}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.line);
+        std::string where = (c.partial[0] == 'L' ? local : rdir) + c.partial.substr(1);
+        std::string in = where.substr(0, where.rfind('/')), partial = where;
+        ChildProcess child;
+        ASSERT_TRUE(child.start(kProgram, command(c.line), environment()));
+        struct stat st {};
+        for (int i = 0; i < 2000 && (stat(partial.c_str(), &st) != 0 || st.st_size == 0); ++i) {
+            usleep(10000);  // at most 20 s
+            for (const std::string& name : listingOrder(in))
+                if (where.back() == '-' && name.rfind(where.substr(in.size() + 1), 0) == 0)
+                    partial = in + "/" + name;
+        }
+        ASSERT_GT(st.st_size, 0) << "the transfer never started";
+        Args done;  // complete before the signal
+        for (const std::string& name : listingOrder(in))
+            if (name[0] == 's' && name.find(".txt") != std::string::npos) done.push_back(name);
+        std::sort(done.begin(), done.end());
+        kill(child.pid(), c.sig);
+        ChildResult r = child.finish(30000);
+        bool killed = c.sig == SIGKILL;  // no cleanup: what was listed was listed at once
+        EXPECT_EQ(r.exitStatus, killed ? -1 : 128 + c.sig) << r.err;
+        EXPECT_EQ(r.err.find("interrupted") == std::string::npos, killed) << r.err;
+        EXPECT_EQ(pathExists(partial), killed) << "the partial file was left behind";
+        EXPECT_EQ(sortedLines(r.out), c.lists ? done : Args{}) << "only what was complete";
+    }
+    EXPECT_EQ(readFile(local + "/kept.img"), "old");
 }
 
 TEST_F(CliTest, PasswordComesFromTheNamedVariableOrTheTerminal) {
@@ -286,85 +323,54 @@ TEST_F(CliTest, PasswordComesFromTheNamedVariableOrTheTerminal) {
 TEST_F(CliTest, ProgressBarOnlyOnATerminalOrWhenAsked) {
     std::string bytes = randomBytes(6 << 20, 4);
     writeFile(local + "/movie.mkv", bytes);
-    ChildResult piped = scpkit({"--progress", "get", remote(local + "/movie.mkv"), "-"});
+    ChildResult piped = scpkit("--progress get R/../local/movie.mkv -");
     EXPECT_EQ(piped.exitStatus, 0) << piped.err;
     EXPECT_TRUE(piped.out == bytes) << "the bar never mixes into the data";
-    ChildProcess child;
-    Args put = connection({"put", local + "/movie.mkv", remote(rdir + "/copy.mkv")});
-    ASSERT_TRUE(child.start(kProgram, put, environment(), "", 100));  // 100 columns
-    ChildResult terminal = child.finish(20000);
-    ASSERT_EQ(terminal.exitStatus, 0) << terminal.out;
-    EXPECT_TRUE(readFile(rdir + "/copy.mkv") == bytes);
-    // An upload knows its total, so even the first drawing shows it.
-    EXPECT_EQ(terminal.out.rfind("\r  0% [", 0), 0u) << terminal.out;
-    EXPECT_NE(terminal.out.find(" / 6.0 MiB"), std::string::npos) << terminal.out;
-    for (const std::string& screen : {piped.err, terminal.out}) {
-        EXPECT_NE(screen.find("movie.mkv"), std::string::npos) << screen;
-        EXPECT_EQ(screen.find('\n'), std::string::npos) << "redrawn in place, never scrolled";
-        ASSERT_GE(screen.size(), 4u);
-        EXPECT_EQ(screen.substr(screen.size() - 4), "\r\x1b[K") << "cleared at the end";
-        for (size_t p = 0, end; p != std::string::npos; p = end) {
-            end = screen.find('\r', p + 1);
-            EXPECT_LE((end == std::string::npos ? screen.size() : end) - p, 100u) << "too wide";
-        }
-    }
-}
-
-TEST_F(CliTest, CtrlCStopsATransferAndLeavesNoPartialFile) {
-    // A sparse remote file far too big to finish before the interrupt.
-    std::string big = rdir + "/tree/huge.img";
-    writeFile(big, "");
-    ASSERT_EQ(truncate(big.c_str(), off_t(8) << 30), 0);
-    const std::pair<Args, std::string> cases[] = {
-        // the arguments, the file growing meanwhile
-        {{"get", remote(big), local + "/huge.img"}, local + "/huge.img"},
-        // A pull cleans up only with a callback, that is with the bar.
-        {{"--progress", "pull", remote(rdir + "/tree"), local + "/t"}, local + "/t/huge.img"}};
-    for (const auto& [command, partial] : cases) {
-        SCOPED_TRACE(partial);
+    // 5 MB a second at most for the get: the bar is drawn a few times.
+    for (const char* line : {"put L/movie.mkv R/copy.mkv", "-l 40000 get R/copy.mkv L/copy.mkv"}) {
+        SCOPED_TRACE(line);
         ChildProcess child;
-        ASSERT_TRUE(child.start(kProgram, connection(command), environment()));
-        struct stat st {};
-        for (int i = 0; i < 2000 && (stat(partial.c_str(), &st) != 0 || st.st_size == 0); ++i)
-            usleep(10000);  // at most 20 s
-        ASSERT_GT(st.st_size, 0) << "the download never started";
-        kill(child.pid(), SIGINT);
-        ChildResult r = child.finish(30000);
-        EXPECT_EQ(r.exitStatus, 130) << r.err;
-        EXPECT_NE(r.err.find("interrupted"), std::string::npos) << r.err;
-        EXPECT_FALSE(pathExists(partial)) << "the partial file was left behind";
+        ASSERT_TRUE(child.start(kProgram, command(line), environment(), "", 100));  // 100 columns
+        ChildResult terminal = child.finish(20000);
+        ASSERT_EQ(terminal.exitStatus, 0) << terminal.out;
+        std::string& screen = terminal.out;
+        for (size_t crlf; (crlf = screen.find("\r\n")) != std::string::npos;) screen.erase(crlf, 1);
+        // The total is exact from the start (put) or from the first block (get).
+        EXPECT_NE(screen.find("/   6.0MiB"), std::string::npos) << screen;
+        // Redrawn in place; the finished file leaves one line with its figures.
+        std::string finished = screen.substr(screen.rfind('\r') + 1);
+        EXPECT_TRUE(std::regex_search(finished, std::regex("^(movie|copy).mkv +100%  6.0MiB ")))
+            << finished;
+        EXPECT_EQ(std::count(screen.begin(), screen.end(), '\n'), 1);
+        EXPECT_TRUE(line[0] == 'p' || finished.find("0:00") == std::string::npos)
+            << "the limit makes it take a second: " << finished;
     }
+    EXPECT_TRUE(readFile(local + "/copy.mkv") == bytes);
 }
 
 // A server that shows what the remote scp received: its environment, and
 // where a bare file name lands.
 TEST(CliRemoteScp, EnvAndFilenameOnlyReachTheRemoteScp) {
-    ASSERT_FALSE(kProgram.empty());
     TreeDir root;
     chmod(root.path().c_str(), 0755);
-    std::string wrapper = root.sub("wrapper.sh"), landing = root.sub("landing/");
-    writeFile(wrapper,
-              "#!/bin/sh\nprintf '%s|%s\\n' \"${SCPKIT_PROBE_A-unset}\" \"${SCPKIT_PROBE_B-unset}\""
-              " >> " +
-                  root.sub("env.log") + "\ncd " + landing +
-                  " && exec /bin/sh -c \"$SSH_ORIGINAL_COMMAND\"\n",
+    std::string landing = root.sub("landing/");
+    writeFile(root.sub("wrap"),
+              "#!/bin/sh\nprintf '%s|%s\\n' \"$SCPKIT_A\" \"$SCPKIT_B\" >>" + root.sub("env.log") +
+                  "\ncd " + landing + " && exec /bin/sh -c \"$SSH_ORIGINAL_COMMAND\"\n",
               -1, 0755);
     writeFile(landing + "file.txt", "payload");
-    SshdOptions options;
-    options.extraConfig = "AcceptEnv SCPKIT_PROBE_*\nForceCommand " + wrapper + "\n";
-    SshdFixture sshd(options);
+    SshdFixture sshd({"AcceptEnv SCPKIT_*\nForceCommand " + root.sub("wrap") + "\n"});
     if (!sshd.ok()) GTEST_SKIP() << "no sshd: " << sshd.error();
     auto run = [&](Args args, const std::string& target) {
-        Args all = words("-P " + std::to_string(sshd.port()) + " -i " + sshd.clientKeyPath() +
-                         " --known-hosts " + sshd.knownHostsPath() + " --no-ssh-config");
-        args.insert(args.begin(), all.begin(), all.end());
-        args.insert(args.end(),
-                    {"put", landing + "file.txt", sshd.user() + "@127.0.0.1:" + target});
+        Args all =
+            words("-P " + std::to_string(sshd.port()) + " -i " + sshd.clientKeyPath() +
+                  " --known-hosts " + sshd.knownHostsPath() + " put " + landing + "file.txt");
+        args.insert(args.end(), all.begin(), all.end());
+        args.push_back(sshd.user() + "@127.0.0.1:" + target);
         return outputOf(runChild(kProgram, args, {"HOME=" + root.path(), "SSH_AUTH_SOCK"}));
     };
     const std::string value = "two words \"quoted\" a\\b\ttab caf\xc3\xa9";
-    EXPECT_EQ(
-        run({"--env", "SCPKIT_PROBE_A=hi", "--env", "SCPKIT_PROBE_B=" + value}, landing + "1"), "");
+    EXPECT_EQ(run({"--env", "SCPKIT_A=hi", "--env", "SCPKIT_B=" + value}, landing + "1"), "");
     EXPECT_EQ(readFile(root.sub("env.log")), "hi|" + value + "\n");
     // Only the name goes to the remote scp: the file lands where it runs.
     EXPECT_EQ(run({"--filename-only"}, "/nonexistent/dir/3"), "");
