@@ -61,7 +61,7 @@ TEST(SshConnect, HostKeyPolicies) {
         {"no", "Success.", OtherKey, true, false},
     };
     const std::string entry = "[127.0.0.1]:" + std::to_string(sshd.port()) + " ";
-    const std::string hostKey = readWholeFile(sshd.tempDir() + "/host_ed25519.pub");
+    const std::string hostKey = readFile(sshd.tempDir() + "/host_ed25519.pub");
     for (const auto& c : cases) {
         SCOPED_TRACE(std::string(c.policy) + ", known " + std::to_string(c.known));
         const std::string dir = sshd.makeScratchDir("hostkeys");
@@ -70,9 +70,9 @@ TEST(SshConnect, HostKeyPolicies) {
         if (c.known == OtherKey) {
             knownHosts = dir + "/known_hosts";
             ASSERT_EQ(shell("ssh-keygen -q -t ed25519 -N '' -f " + dir + "/other"), 0);
-            writeWholeFile(knownHosts, entry + readWholeFile(dir + "/other.pub"));
+            writeFile(knownHosts, entry + readFile(dir + "/other.pub"));
         }
-        const std::string before = readWholeFile(knownHosts);
+        const std::string before = readFile(knownHosts);
         ClsSsh ssh;
         EXPECT_EQ(connect(ssh, sshd.host(), sshd.port(), knownHosts, c.policy), c.connects);
         EXPECT_EQ(ssh.get_IsConnected(), c.connects);
@@ -81,12 +81,12 @@ TEST(SshConnect, HostKeyPolicies) {
                   {c.logged, c.connects ? "" : "knownHostsFile: " + knownHosts,
                    c.connects ? "" : "hostKeyFingerprint: " + sshd.hostKeyFingerprint()});
         if (c.fileGainsKey) {
-            expectLog(readWholeFile(knownHosts), {entry + hostKey.substr(0, hostKey.rfind(' '))});
+            expectLog(readFile(knownHosts), {entry + hostKey.substr(0, hostKey.rfind(' '))});
             ClsSsh again;  // what was recorded is trusted from now on
             EXPECT_TRUE(connect(again, sshd.host(), sshd.port(), knownHosts))
                 << lastErrorText(again);
         } else {
-            EXPECT_EQ(readWholeFile(knownHosts), before);
+            EXPECT_EQ(readFile(knownHosts), before);
         }
     }
 }

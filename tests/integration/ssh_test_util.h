@@ -8,7 +8,7 @@
 #include <scpkit/base/Logger.h>
 #include <scpkit/base/Progress.h>
 #include <scpkit/ssh/ClsSsh.h>
-#include "tests/support/ScpTestHelpers.h"
+#include "tests/support/TestKit.h"
 #include "tests/support/SshdFixture.h"
 
 #define REQUIRE_SSHD(sshd)                     \

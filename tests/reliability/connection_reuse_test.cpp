@@ -6,7 +6,8 @@
 #include <string>
 
 #include <scpkit/base/DataBuffer.h>
-#include "tests/reliability/ReliabilityRig.h"
+#include "tests/support/SshdFixture.h"
+#include "tests/support/TestKit.h"
 
 namespace scpkit::test {
 namespace {
@@ -16,24 +17,24 @@ namespace {
 TEST(ConnectionReuse, ManySuccessfulTransfersInARow) {
     if (!SshdFixture::shared().ok()) GTEST_SKIP() << SshdFixture::shared().error();
     SshRig rig;
-    ASSERT_TRUE(rig.connected) << lastError(rig.ssh);
-    TempDir base("reuse");
-    const std::string data = patternBytes(10000, 3);
-    writeFile(base / "source.bin", data);
+    ASSERT_TRUE(rig.connected) << lastErrorText(rig.ssh);
+    ScratchDir base("reuse");
+    const std::string data = randomBytes(10000, 3);
+    writeFile(base.file("source.bin"), data);
     for (int i = 0; i < 14; ++i) {
         SCOPED_TRACE(i);
-        XString remote((base / "source.bin").c_str());
+        XString remote(base.file("source.bin").c_str());
         DataBuffer out;
         if (i % 2 == 0) {
-            ASSERT_TRUE(rig.scp.DownloadBinary(remote, out, nullptr)) << lastError(rig.scp);
+            ASSERT_TRUE(rig.scp.DownloadBinary(remote, out, nullptr)) << lastErrorText(rig.scp);
             EXPECT_TRUE(out.equals(data.data(), data.size()));
         } else {
-            XString local((base / ("copy" + std::to_string(i))).c_str());
-            ASSERT_TRUE(rig.scp.DownloadFile(remote, local, nullptr)) << lastError(rig.scp);
-            EXPECT_EQ(readFile(base / ("copy" + std::to_string(i))), data);
+            XString local((base.file("copy" + std::to_string(i))).c_str());
+            ASSERT_TRUE(rig.scp.DownloadFile(remote, local, nullptr)) << lastErrorText(rig.scp);
+            EXPECT_EQ(readFile(base.file("copy" + std::to_string(i))), data);
         }
         // No transfer needed the fallback that closes leftovers.
-        EXPECT_EQ(lastError(rig.scp).find("Closing channels left by earlier transfers."),
+        EXPECT_EQ(lastErrorText(rig.scp).find("Closing channels left by earlier transfers."),
                   std::string::npos);
     }
 }
@@ -43,23 +44,23 @@ TEST(ConnectionReuse, ManySuccessfulTransfersInARow) {
 TEST(ConnectionReuse, ManyAbortsInARow) {
     if (!SshdFixture::shared().ok()) GTEST_SKIP() << SshdFixture::shared().error();
     SshRig rig;
-    ASSERT_TRUE(rig.connected) << lastError(rig.ssh);
+    ASSERT_TRUE(rig.connected) << lastErrorText(rig.ssh);
     rig.scp.put_PollIntervalMs(1);
-    TempDir base("abort");
-    const std::string source = base / "source.bin";
-    writeFile(source, patternBytes(4 << 20, 5));
+    ScratchDir base("abort");
+    const std::string source = base.file("source.bin");
+    writeFile(source, randomBytes(4 << 20, 5));
     for (int i = 0; i < 14; ++i) {
         SCOPED_TRACE(i);
-        AbortOnCue cue;
+        ProgressLog cue;
         cue.abortAtPercent = 1;
         XString remote(source.c_str());
         DataBuffer out;
         EXPECT_FALSE(rig.scp.DownloadBinary(remote, out, &cue));
-        EXPECT_TRUE(cue.fired) << lastError(rig.scp);
+        EXPECT_TRUE(cue.fired) << lastErrorText(rig.scp);
     }
     XString remote(source.c_str());
     DataBuffer whole;
-    ASSERT_TRUE(rig.scp.DownloadBinary(remote, whole, nullptr)) << lastError(rig.scp);
+    ASSERT_TRUE(rig.scp.DownloadBinary(remote, whole, nullptr)) << lastErrorText(rig.scp);
     EXPECT_TRUE(whole.equals(readFile(source).data(), 4 << 20));
 }
 

@@ -10,7 +10,8 @@
 #include <vector>
 
 #include <scpkit/base/DataBuffer.h>
-#include "tests/reliability/ReliabilityRig.h"
+#include "tests/support/SshdFixture.h"
+#include "tests/support/TestKit.h"
 
 namespace scpkit::test {
 namespace {
@@ -21,19 +22,19 @@ std::string str(const DataBuffer& db) {
 
 TEST(Threads, EightConnectionsTransferAtOnce) {
     if (!SshdFixture::shared().ok()) GTEST_SKIP() << SshdFixture::shared().error();
-    TempDir dir("threads");
+    ScratchDir dir("threads");
     constexpr int kThreads = 8;
     const size_t size = longTests() ? (16u << 20) : (1u << 20);
     std::vector<std::string> failures(kThreads);
     std::vector<std::thread> threads;
     for (int t = 0; t < kThreads; ++t) {
         threads.emplace_back([&, t] {
-            const std::string mine = patternBytes(size, 1000 + t);
-            const std::string base = dir / ("t" + std::to_string(t));
+            const std::string mine = randomBytes(size, 1000 + t);
+            const std::string base = dir.file("t" + std::to_string(t));
             writeFile(base + "/up.bin", mine);
             SshRig rig;
             if (!rig.connected) {
-                failures[t] = "connect: " + lastError(rig.ssh);
+                failures[t] = "connect: " + lastErrorText(rig.ssh);
                 return;
             }
             XString local((base + "/up.bin").c_str()), remote((base + "/remote.bin").c_str());
@@ -41,11 +42,11 @@ TEST(Threads, EightConnectionsTransferAtOnce) {
             DataBuffer inMemory;
             XString remoteThird((base + "/remote.bin").c_str());
             if (!rig.scp.UploadFile(local, remote, nullptr))
-                failures[t] = "upload: " + lastError(rig.scp);
+                failures[t] = "upload: " + lastErrorText(rig.scp);
             else if (!rig.scp.DownloadFile(remoteAgain, back, nullptr))
-                failures[t] = "download: " + lastError(rig.scp);
+                failures[t] = "download: " + lastErrorText(rig.scp);
             else if (!rig.scp.DownloadBinary(remoteThird, inMemory, nullptr))
-                failures[t] = "in memory: " + lastError(rig.scp);
+                failures[t] = "in memory: " + lastErrorText(rig.scp);
             else if (readFile(base + "/remote.bin") != mine ||
                      readFile(base + "/back.bin") != mine || str(inMemory) != mine)
                 failures[t] = "bytes differ";
@@ -58,8 +59,8 @@ TEST(Threads, EightConnectionsTransferAtOnce) {
 TEST(Threads, FourThreadsShareOneComponentWhileItsPropertiesAreRead) {
     if (!SshdFixture::shared().ok()) GTEST_SKIP() << SshdFixture::shared().error();
     SshRig rig;
-    ASSERT_TRUE(rig.connected) << lastError(rig.ssh);
-    TempDir dir("threads");
+    ASSERT_TRUE(rig.connected) << lastErrorText(rig.ssh);
+    ScratchDir dir("threads");
     constexpr int kThreads = 4;
     const int rounds = longTests() ? 20 : 3;
     std::vector<std::string> failures(kThreads);
@@ -93,8 +94,9 @@ TEST(Threads, FourThreadsShareOneComponentWhileItsPropertiesAreRead) {
     for (int t = 0; t < kThreads; ++t) {
         threads.emplace_back([&, t] {
             for (int r = 0; r < rounds && failures[t].empty(); ++r) {
-                const std::string mine = patternBytes(256 << 10, 100 * t + r);
-                const std::string path = dir / ("t" + std::to_string(t) + "-" + std::to_string(r));
+                const std::string mine = randomBytes(256 << 10, 100 * t + r);
+                const std::string path =
+                    dir.file(("t" + std::to_string(t)) + "-" + std::to_string(r));
                 DataBuffer bytes, back;
                 bytes.append(mine.data(), mine.size());
                 XString remote(path.c_str()), again(path.c_str());
@@ -116,7 +118,7 @@ TEST(Threads, FourThreadsShareOneComponentWhileItsPropertiesAreRead) {
     // The override applied while the transfers ran is an upload setting: the
     // files made after it carry it.
     struct stat st;
-    ASSERT_EQ(::stat((dir / ("t0-" + std::to_string(rounds - 1))).c_str(), &st), 0);
+    ASSERT_EQ(::stat((dir.file(("t0-" + std::to_string(rounds - 1)))).c_str(), &st), 0);
     EXPECT_EQ(st.st_mode & 0777, 0600u);
 }
 

@@ -15,7 +15,7 @@
 #include <scpkit/base/Progress.h>
 #include <scpkit/ssh/ClsSsh.h>
 #include "tests/support/ProcessTransport.h"
-#include "tests/support/ScpTestHelpers.h"
+#include "tests/support/TestKit.h"
 
 namespace scpkit::test {
 namespace {
