@@ -27,7 +27,6 @@ namespace scpkit::cli {
 namespace {
 
 enum class Outcome { Done, Failed, Interrupted };
-enum class Wanted { File, Directory };
 
 std::string directoryPart(const std::string& path) {
     size_t slash = path.find_last_of('/');
@@ -104,7 +103,7 @@ class GetCommand : public CommandRun {
         }
         target.discard();
         if (interruptRequested()) return Outcome::Interrupted;
-        return failed(s, scp, remotePath, Wanted::File);
+        return failed(s, scp, remotePath);
     }
 
     Outcome getToStdout(Session& s, const std::string& remotePath) {
@@ -116,14 +115,13 @@ class GetCommand : public CommandRun {
         XString remote(remotePath.c_str());
         bool ok = scp.DownloadBinary(remote, data, &s.watch);
         s.record(scp);
-        if (!ok)
-            return interruptRequested() ? Outcome::Interrupted
-                                        : failed(s, scp, remotePath, Wanted::File);
+        if (!ok) return interruptRequested() ? Outcome::Interrupted : failed(s, scp, remotePath);
         s.bar.clear();
         if (!writeAll(1, data.getData2(), data.getSize())) {
             printError(std::string("cannot write standard output: ") + std::strerror(errno));
             return Outcome::Failed;
         }
+        s.watch.finishFile(baseName(remotePath), static_cast<int64_t>(data.getSize()));
         return Outcome::Done;
     }
 
@@ -149,7 +147,7 @@ class GetCommand : public CommandRun {
             m_cleanup = "removed the partial " + stripControlChars(s.watch.unfinishedDownload());
         }
         if (!ok && interruptRequested()) return Outcome::Interrupted;
-        if (!ok) return failed(s, scp, glob.directory, Wanted::Directory);
+        if (!ok) return failed(s, scp, remotePath);
         if (synced.isEmpty()) {
             printError("get: no file on the server matches " + stripControlChars(remotePath));
             return Outcome::Failed;
@@ -158,11 +156,13 @@ class GetCommand : public CommandRun {
     }
 
     // Says why, in the words of what the remote path turns out to be.
-    Outcome failed(Session& s, ClsScp& scp, const std::string& remotePath, Wanted wanted) {
+    Outcome failed(Session& s, ClsScp& scp, const std::string& remotePath) {
         std::string reason = failureReason(scp);
-        RemotePathKind kind = probeRemotePath(s.ssh, remotePath);
+        bool glob = isRemoteGlob(remotePath);
+        RemotePathKind kind =
+            probeRemotePath(s.ssh, glob ? splitRemoteGlob(remotePath).directory : remotePath);
         s.record(s.ssh);
-        bool wantsFile = wanted == Wanted::File;
+        bool wantsFile = !glob;  // a wildcard names files of a directory
         if (kind == RemotePathKind::Directory && wantsFile) {
             reason = "it is a directory on the server (pull copies directories)";
         } else if (kind == RemotePathKind::File && !wantsFile) {

@@ -3,10 +3,9 @@
 #pragma once
 
 #include <cstdint>
-#include <map>
 #include <memory>
 #include <mutex>
-#include <vector>
+#include <string>
 
 #include <scpkit/base/ClsBase.h>
 #include <scpkit/base/DataBuffer.h>
@@ -16,6 +15,9 @@
 
 namespace scpkit {
 
+class ChannelTable;
+class LibsshTransport;
+class SshChannel;
 class SshTransport;
 class SocketParams;
 class _vqDataSource;
@@ -59,13 +61,16 @@ class ClsSsh : public ClsBase, public RefCountedObject {
     // Preferred ciphers, comma-separated (empty: the library's fast default,
     // AES-GCM first).
     void put_Ciphers(XString& ciphers);
+    void get_Ciphers(XString& ciphers);
     // The user name in effect after Connect (from ~/.ssh/config when used).
     void get_ConfigUser(XString& user);
 
-    // Replaces the connection's transport (used by tests and by Connect).
+    // Replaces the connection's transport (tests plug in their own).
     void useTransport(std::shared_ptr<SshTransport> transport);
 
     // ---- channel operations driven by file transfers ----
+    // Any thread may run them; threads on different channels of one
+    // connection wait at the same time, each for its own channel.
     void put_StderrToStdout(bool merge);
     bool get_StderrToStdout();
     void logServerInfo(LogBase& log);
@@ -94,48 +99,31 @@ class ClsSsh : public ClsBase, public RefCountedObject {
     bool channelReceiveUntilCondition(int channel, unsigned condition, SshReadParams& rp,
                                       SocketParams& sp, LogBase& log);
     // The transfer that opened the channel has ended (whatever its outcome):
-    // the channel may now be closed and reclaimed. Channels not yet marked
-    // belong to a running transfer.
+    // the channel is closed and freed. Channels not yet marked belong to a
+    // running transfer and are never taken from it.
     void channelFinished(int channel);
 
-    // Size of the chunks moved by the bulk operations.
+    // The most a bulk send reads from its source at a time.
     static constexpr size_t kChunkSize = 256 * 1024;
 
   private:
-    struct Channel;
-    Channel* findChannel(int channel);
-    // The channel, or null with "Unknown channel." logged.
-    Channel* findChannelLogged(int channel, LogBase& log);
-    // Reads once (up to cap bytes into buf, or into the channel's buffer when
-    // buf is null) waiting at most the stall timeout, in slices that check
-    // abort. Updates the EOF/CLOSE flags of the channel and of sp.
-    long readSome(int channel, Channel& ch, unsigned char* buf, size_t cap, int idleTimeoutMs,
-                  SocketParams& sp, LogBase& log);
+    bool connectTo(const std::string& host, int port);
+    // Sends every byte, waiting for the peer's window as needed.
     bool writeAll(int channel, const unsigned char* data, size_t numBytes, SocketParams& sp,
                   LogBase& log);
-    // One transport read of at most sliceMs: routes error-stream bytes, and
-    // after a read of 0 takes over the transport's EOF/CLOSE state. `moved`
-    // tells whether anything at all arrived.
-    long pollTransport(int channel, Channel& ch, unsigned char* buf, size_t cap, int sliceMs,
-                       bool& moved, LogBase& log);
-    unsigned char* scratch();
-    // Answers the server's CLOSE on the channels this thread is done with,
-    // and frees those closed both ways.
-    void releaseFinishedChannels();
-    // True when the channel belongs to no running transfer: the calling
-    // thread used it last (and is now opening another), or nothing has
-    // touched it for a second.
-    bool isDoneWith(const Channel& ch) const;
-    // Closes the channels no operation has touched for a while (those of
-    // transfers that failed) and waits, bounded, for the server to confirm.
-    // True when at least one was closed.
-    bool reclaimIdleChannels(SocketParams& sp, LogBase& log);
+    // What Connect learned: the server key's fingerprint, the user in effect.
+    void setConnectionFacts(const char* serverKeySha256, const char* configUser);
+    bool readIntoOutput(SshChannel& ch, long long numBytes, _vqOutput& out, SocketParams& sp,
+                        LogBase& log);
 
-    std::recursive_mutex m_ioMutex;  // serialises use of the transport
-    std::shared_ptr<SshTransport> m_transport;
-    std::map<int, std::unique_ptr<Channel>> m_channels;
-    std::vector<unsigned char> m_scratch;  // kChunkSize bytes once a bulk operation ran
+    std::unique_ptr<ChannelTable> m_table;
+    // The connection Connect made, for logging in; null with a test transport.
+    // Changed and used under m_critSec.
+    std::shared_ptr<LibsshTransport> m_session;
 
+    // Property values: read and written under m_propertyLock only, held just
+    // long enough to copy a value in or out (ClsSshProperties.cpp).
+    std::mutex m_propertyLock;
     XString m_knownHostsPath;
     XString m_hostKeyPolicy;
     XString m_serverKeySha256;

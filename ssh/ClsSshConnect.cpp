@@ -1,5 +1,6 @@
-// ClsSsh: connecting, checking the server's host key, logging in, and the
-// connection properties. The channel operations are in ClsSsh.cpp.
+// ClsSsh: connecting, checking the server's host key, and logging in. The
+// channel operations are in ClsSsh.cpp, the properties in
+// ClsSshProperties.cpp.
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -10,6 +11,7 @@
 #include <scpkit/base/CritSec.h>
 #include <scpkit/base/LogBase.h>
 #include <scpkit/base/Logger.h>
+#include <scpkit/ssh/ChannelTable.h>
 #include <scpkit/ssh/ClsSsh.h>
 #include <scpkit/ssh/LibsshTransport.h>
 
@@ -17,26 +19,11 @@ namespace scpkit {
 
 namespace {
 
-constexpr int kDefaultConnectTimeoutMs = 30000;
-
 std::string trimmed(const XString& text) {
-    std::string s = text.getUtf8();
-    const char* blanks = " \t\r\n";
-    size_t first = s.find_first_not_of(blanks);
-    if (first == std::string::npos) return "";
-    return s.substr(first, s.find_last_not_of(blanks) - first + 1);
-}
-
-std::string sshDir() {
-    std::string home = LibsshTransport::userHomeDir();
-    return home.empty() ? std::string() : home + "/.ssh";
-}
-
-std::string effectiveKnownHosts(const XString& configured) {
-    std::string path = trimmed(configured);
-    if (!path.empty()) return path;
-    std::string dir = sshDir();
-    return dir.empty() ? std::string() : dir + "/known_hosts";
+    XString copy;
+    copy.copyFromX(text);
+    copy.trim2();
+    return copy.getUtf8();
 }
 
 // "~/x" as the user's home, like the shell.
@@ -46,10 +33,6 @@ std::string expandHome(const std::string& path) {
         if (!home.empty()) return home + path.substr(1);
     }
     return path;
-}
-
-bool isPolicy(const std::string& p) {
-    return p == "yes" || p == "accept-new" || p == "no";
 }
 
 void logHostKey(const std::string& knownHosts, const std::string& fingerprint,
@@ -108,23 +91,15 @@ bool verifyHostKey(LibsshTransport& t, const std::string& policy, const std::str
     }
 }
 
-// The connected libssh session, or null with the reason logged.
-LibsshTransport* connectedSession(const std::shared_ptr<SshTransport>& transport, LogBase& log) {
-    auto* t = dynamic_cast<LibsshTransport*>(transport.get());
-    if (!t || !t->isConnected()) {
-        log.LogError("Not connected to an SSH server: call Connect first.");
-        return nullptr;
-    }
-    return t;
-}
-
 // The shared frame of the login methods: a connected session, a user name
 // (the configured one when none is given), and one authentication attempt.
 template <typename Attempt>
-bool login(const std::shared_ptr<SshTransport>& transport, const XString& configUser,
-           const XString& user, LogBase& log, Attempt attempt) {
-    LibsshTransport* t = connectedSession(transport, log);
-    if (!t) return false;
+bool login(LibsshTransport* session, const XString& configUser, const XString& user, LogBase& log,
+           Attempt attempt) {
+    if (!session || !session->isConnected()) {
+        log.LogError("Not connected to an SSH server: call Connect first.");
+        return false;
+    }
     std::string name = trimmed(user);
     if (name.empty()) name = configUser.getUtf8();
     if (name.empty()) {
@@ -132,11 +107,11 @@ bool login(const std::shared_ptr<SshTransport>& transport, const XString& config
         return false;
     }
     log.LogData("user", name.c_str());
-    if (t->isAuthenticated()) {
+    if (session->isAuthenticated()) {
         log.LogInfo("Already authenticated on this connection.");
         return true;
     }
-    if (attempt(*t, name) != AuthOutcome::Success) {
+    if (attempt(*session, name) != AuthOutcome::Success) {
         log.LogError("Authentication failed.");
         return false;
     }
@@ -148,77 +123,75 @@ bool login(const std::shared_ptr<SshTransport>& transport, const XString& config
 bool ClsSsh::Connect(XString& hostname, int port) {
     CritSecExitor cs(m_critSec);
     LogContextExitor ctx(*this, "Connect");
-    bool ok = [&]() {
-        std::string host = trimmed(hostname);
-        m_log.LogData("hostname", host.c_str());
-        m_log.LogDataLong("port", port);
-        if (host.empty()) {
-            m_log.LogError("No host name given.");
-            return false;
-        }
-        if (port < 0 || port > 65535) {
-            m_log.LogError("Invalid port number.");
-            return false;
-        }
-        // A new connection replaces the old one and everything it held.
-        useTransport(nullptr);
-        m_serverKeySha256.clear();
-        m_configUser.clear();
-
-        LibsshConnectSettings settings;
-        settings.host = host;
-        settings.port = port;
-        settings.timeoutMs = m_connectTimeoutMs;
-        settings.ciphers = trimmed(m_ciphers);
-        settings.useSshConfig = m_useSshConfig;
-        settings.knownHostsPath = effectiveKnownHosts(m_knownHostsPath);
-        settings.sshDir = sshDir();
-        std::string policy = trimmed(m_hostKeyPolicy);
-        if (!isPolicy(policy)) policy = "yes";
-
-        auto transport = std::make_shared<LibsshTransport>();
-        if (!transport->connect(settings, m_log)) return false;
-        m_configUser.setFromUtf8(transport->configUser().c_str());
-
-        std::string fingerprint;
-        std::string keyType;
-        if (!transport->serverKeyFingerprint(fingerprint, keyType)) {
-            m_log.LogError("The server presented no usable host key.");
-            return false;
-        }
-        m_serverKeySha256.setFromUtf8(fingerprint.c_str());
-        if (!verifyHostKey(*transport, policy, settings.knownHostsPath, fingerprint, keyType,
-                           m_log))
-            return false;
-        transport->describeServer(m_log);
-        useTransport(transport);
-        return true;
-    }();
+    std::string host = trimmed(hostname);
+    m_log.LogData("hostname", host.c_str());
+    m_log.LogDataLong("port", port);
+    bool ok = false;
+    if (host.empty()) {
+        m_log.LogError("No host name given.");
+    } else if (port < 0 || port > 65535) {
+        m_log.LogError("Invalid port number.");
+    } else {
+        ok = connectTo(host, port);
+    }
     logSuccessFailure(ok);
     return ok;
+}
+
+bool ClsSsh::connectTo(const std::string& host, int port) {
+    // A new connection replaces the old one and everything it held.
+    m_session.reset();
+    m_table->attach(nullptr);
+    setConnectionFacts("", "");
+
+    XString knownHosts, policy, ciphers;
+    get_KnownHostsPath(knownHosts);
+    get_StrictHostKeyChecking(policy);
+    get_Ciphers(ciphers);
+    LibsshConnectSettings settings;
+    settings.host = host;
+    settings.port = port;
+    settings.timeoutMs = get_ConnectTimeoutMs();
+    settings.ciphers = ciphers.getUtf8();
+    settings.useSshConfig = get_UseSshConfig();
+    settings.knownHostsPath = knownHosts.getUtf8();
+    std::string home = LibsshTransport::userHomeDir();
+    settings.sshDir = home.empty() ? std::string() : home + "/.ssh";
+
+    auto session = std::make_shared<LibsshTransport>();
+    if (!session->connect(settings, m_log)) return false;
+    std::string fingerprint;
+    std::string keyType;
+    bool keyKnown = session->serverKeyFingerprint(fingerprint, keyType);
+    setConnectionFacts(fingerprint.c_str(), session->configUser().c_str());
+    if (!keyKnown) {
+        m_log.LogError("The server presented no usable host key.");
+        return false;
+    }
+    if (!verifyHostKey(*session, policy.getUtf8(), settings.knownHostsPath, fingerprint, keyType,
+                       m_log))
+        return false;
+    session->describeServer(m_log);
+    m_session = session;
+    m_table->attach(session);
+    return true;
 }
 
 void ClsSsh::Disconnect() {
     CritSecExitor cs(m_critSec);
     LogContextExitor ctx(*this, "Disconnect");
-    {
-        std::lock_guard<std::recursive_mutex> lock(m_ioMutex);
-        if (!m_transport && m_log.m_verboseLogging) m_log.LogInfo("Not connected.");
-    }
-    useTransport(nullptr);
+    if (!m_table->transport() && m_log.m_verboseLogging) m_log.LogInfo("Not connected.");
+    m_session.reset();
+    m_table->attach(nullptr);
     logSuccessFailure(true);
-}
-
-bool ClsSsh::get_IsConnected() {
-    std::lock_guard<std::recursive_mutex> lock(m_ioMutex);
-    return m_transport && m_transport->isConnected();
 }
 
 bool ClsSsh::LoginWithPassword(XString& user, XString& password) {
     CritSecExitor cs(m_critSec);
     LogContextExitor ctx(*this, "LoginWithPassword");
-    std::lock_guard<std::recursive_mutex> lock(m_ioMutex);
-    bool ok = login(m_transport, m_configUser, user, m_log,
+    XString configUser;
+    get_ConfigUser(configUser);
+    bool ok = login(m_session.get(), configUser, user, m_log,
                     [&](LibsshTransport& t, const std::string& name) {
                         if (password.isEmpty()) {
                             m_log.LogError("No password given.");
@@ -233,8 +206,9 @@ bool ClsSsh::LoginWithPassword(XString& user, XString& password) {
 bool ClsSsh::LoginWithKeyFile(XString& user, XString& privateKeyPath, XString& passphrase) {
     CritSecExitor cs(m_critSec);
     LogContextExitor ctx(*this, "LoginWithKeyFile");
-    std::lock_guard<std::recursive_mutex> lock(m_ioMutex);
-    bool ok = login(m_transport, m_configUser, user, m_log,
+    XString configUser;
+    get_ConfigUser(configUser);
+    bool ok = login(m_session.get(), configUser, user, m_log,
                     [&](LibsshTransport& t, const std::string& name) {
                         std::string path = expandHome(trimmed(privateKeyPath));
                         if (path.empty()) {
@@ -261,9 +235,10 @@ bool ClsSsh::LoginWithKeyFile(XString& user, XString& privateKeyPath, XString& p
 bool ClsSsh::LoginWithAgent(XString& user) {
     CritSecExitor cs(m_critSec);
     LogContextExitor ctx(*this, "LoginWithAgent");
-    std::lock_guard<std::recursive_mutex> lock(m_ioMutex);
+    XString configUser;
+    get_ConfigUser(configUser);
     bool ok = login(
-        m_transport, m_configUser, user, m_log,
+        m_session.get(), configUser, user, m_log,
         [&](LibsshTransport& t, const std::string& name) { return t.authAgent(name, m_log); });
     logSuccessFailure(ok);
     return ok;
@@ -272,69 +247,13 @@ bool ClsSsh::LoginWithAgent(XString& user) {
 bool ClsSsh::LoginAuto(XString& user) {
     CritSecExitor cs(m_critSec);
     LogContextExitor ctx(*this, "LoginAuto");
-    std::lock_guard<std::recursive_mutex> lock(m_ioMutex);
+    XString configUser;
+    get_ConfigUser(configUser);
     bool ok =
-        login(m_transport, m_configUser, user, m_log,
+        login(m_session.get(), configUser, user, m_log,
               [&](LibsshTransport& t, const std::string& name) { return t.authAuto(name, m_log); });
     logSuccessFailure(ok);
     return ok;
-}
-
-void ClsSsh::put_KnownHostsPath(XString& path) {
-    CritSecExitor cs(m_critSec);
-    m_knownHostsPath.setFromUtf8(trimmed(path).c_str());
-}
-
-void ClsSsh::get_KnownHostsPath(XString& path) {
-    CritSecExitor cs(m_critSec);
-    path.setFromUtf8(effectiveKnownHosts(m_knownHostsPath).c_str());
-}
-
-void ClsSsh::put_StrictHostKeyChecking(XString& policy) {
-    CritSecExitor cs(m_critSec);
-    std::string p = trimmed(policy);
-    if (isPolicy(p)) m_hostKeyPolicy.setFromUtf8(p.c_str());
-}
-
-void ClsSsh::get_StrictHostKeyChecking(XString& policy) {
-    CritSecExitor cs(m_critSec);
-    std::string p = trimmed(m_hostKeyPolicy);
-    policy.setFromUtf8(isPolicy(p) ? p.c_str() : "yes");
-}
-
-void ClsSsh::get_ServerKeySha256(XString& fingerprint) {
-    CritSecExitor cs(m_critSec);
-    fingerprint.copyFromX(m_serverKeySha256);
-}
-
-void ClsSsh::put_ConnectTimeoutMs(int ms) {
-    CritSecExitor cs(m_critSec);
-    m_connectTimeoutMs = ms > 0 ? ms : kDefaultConnectTimeoutMs;
-}
-
-int ClsSsh::get_ConnectTimeoutMs() {
-    CritSecExitor cs(m_critSec);
-    return m_connectTimeoutMs;
-}
-
-void ClsSsh::put_UseSshConfig(bool use) {
-    CritSecExitor cs(m_critSec);
-    m_useSshConfig = use;
-}
-
-bool ClsSsh::get_UseSshConfig() {
-    CritSecExitor cs(m_critSec);
-    return m_useSshConfig;
-}
-
-void ClsSsh::put_Ciphers(XString& ciphers) {
-    CritSecExitor cs(m_critSec);
-    m_ciphers.setFromUtf8(trimmed(ciphers).c_str());
-}
-
-void ClsSsh::get_ConfigUser(XString& user) {
-    CritSecExitor cs(m_critSec);
-    user.copyFromX(m_configUser);
 }
 
 }  // namespace scpkit

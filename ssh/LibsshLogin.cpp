@@ -38,6 +38,11 @@ bool ensureParentDir(const std::string& path, LogBase& log) {
 }  // namespace
 
 bool LibsshTransport::serverKeyFingerprint(std::string& sha256, std::string& keyType) {
+    Guard guard(m_lock);
+    return fingerprintOf(sha256, keyType);
+}
+
+bool LibsshTransport::fingerprintOf(std::string& sha256, std::string& keyType) {
     sha256.clear();
     keyType.clear();
     if (!m_session) return false;
@@ -63,6 +68,7 @@ bool LibsshTransport::serverKeyFingerprint(std::string& sha256, std::string& key
 }
 
 KnownHostState LibsshTransport::checkKnownHosts(LogBase& log) {
+    Guard guard(m_lock);
     if (!m_session) return KnownHostState::Error;
     switch (ssh_session_is_known_server(m_session)) {
         case SSH_KNOWN_HOSTS_OK:
@@ -82,6 +88,7 @@ KnownHostState LibsshTransport::checkKnownHosts(LogBase& log) {
 }
 
 bool LibsshTransport::recordServerKey(LogBase& log) {
+    Guard guard(m_lock);
     if (!m_session) return false;
     char* path = nullptr;
     std::string file;
@@ -124,14 +131,16 @@ static bool setUser(ssh_session session, const std::string& user, LogBase& log) 
 
 AuthOutcome LibsshTransport::authPassword(const std::string& user, const std::string& password,
                                           LogBase& log) {
-    if (!isConnected() || !setUser(m_session, user, log)) return AuthOutcome::Error;
+    Guard guard(m_lock);
+    if (!connected() || !setUser(m_session, user, log)) return AuthOutcome::Error;
     int rc = ssh_userauth_password(m_session, nullptr, password.c_str());
     return authResult(rc, "The server refused the user name and password.", log);
 }
 
 AuthOutcome LibsshTransport::authKeyFile(const std::string& user, const std::string& path,
                                          const std::string& passphrase, LogBase& log) {
-    if (!isConnected() || !setUser(m_session, user, log)) return AuthOutcome::Error;
+    Guard guard(m_lock);
+    if (!connected() || !setUser(m_session, user, log)) return AuthOutcome::Error;
     ssh_key key = nullptr;
     bool wanted = false;
     int rc =
@@ -158,7 +167,8 @@ AuthOutcome LibsshTransport::authKeyFile(const std::string& user, const std::str
 }
 
 AuthOutcome LibsshTransport::authAgent(const std::string& user, LogBase& log) {
-    if (!isConnected() || !setUser(m_session, user, log)) return AuthOutcome::Error;
+    Guard guard(m_lock);
+    if (!connected() || !setUser(m_session, user, log)) return AuthOutcome::Error;
     const char* sock = getenv("SSH_AUTH_SOCK");
     if (!sock || !*sock) {
         log.LogError("No SSH agent is available: SSH_AUTH_SOCK is not set.");
@@ -170,7 +180,8 @@ AuthOutcome LibsshTransport::authAgent(const std::string& user, LogBase& log) {
 }
 
 AuthOutcome LibsshTransport::authAuto(const std::string& user, LogBase& log) {
-    if (!isConnected() || !setUser(m_session, user, log)) return AuthOutcome::Error;
+    Guard guard(m_lock);
+    if (!connected() || !setUser(m_session, user, log)) return AuthOutcome::Error;
     int rc = ssh_userauth_publickey_auto(m_session, nullptr, nullptr);
     return authResult(
         rc, "The server accepted none of the agent's keys and none of the default keys.", log);

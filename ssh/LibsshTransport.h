@@ -1,17 +1,24 @@
 // The real transport under ClsSsh: one libssh session and its session
 // channels. Connecting, host-key lookups and authentication are here too,
-// so that only this class (LibsshTransport.cpp, LibsshLogin.cpp) talks to
-// libssh; the policies (which key is acceptable, which user) are ClsSsh's.
+// so that only this class (LibsshTransport.cpp, LibsshConnect.cpp,
+// LibsshLogin.cpp) talks to libssh; the policies (which key is acceptable,
+// which user) are ClsSsh's. A libssh session is not thread safe: every
+// call into it is made under m_lock, never held while waiting for traffic.
 #pragma once
 
+#include <cstdint>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <string>
+#include <vector>
 
 #include <scpkit/ssh/SshTransport.h>
 
 struct ssh_session_struct;
 struct ssh_channel_struct;
+struct ssh_event_struct;
+struct ssh_counter_struct;
 
 namespace scpkit {
 
@@ -72,34 +79,42 @@ class LibsshTransport : public SshTransport {
     // ---- SshTransport ----
     bool isConnected() override;
     void describeServer(LogBase& log) override;
-    int openChannel(LogBase& log) override;
-    bool setEnv(int ch, const char* name, const char* value, LogBase& log) override;
-    bool exec(int ch, const char* command, LogBase& log) override;
-    long write(int ch, const unsigned char* data, size_t numBytes, int timeoutMs,
-               LogBase& log) override;
-    long read(int ch, unsigned char* buf, size_t cap, DataBuffer& stderrOut, int timeoutMs,
-              LogBase& log) override;
-    bool sendEof(int ch, LogBase& log) override;
-    bool sendClose(int ch, LogBase& log) override;
-    bool receivedEof(int ch) override;
-    bool receivedClose(int ch) override;
+    int openChannel(ChannelInbox& inbox) override;
+    bool setEnv(int ch, const char* name, const char* value) override;
+    bool exec(int ch, const char* command) override;
+    long write(int ch, const unsigned char* data, size_t numBytes) override;
+    bool pump(int timeoutMs) override;
+    void wakePump() override;
+    void redeliver(int ch) override;
+    bool sendClose(int ch) override;
     void releaseChannel(int ch) override;
+    std::string lastError() override;
 
   private:
     struct Channel;
-    Channel* find(int ch, LogBase* log);
+    using Guard = std::lock_guard<std::mutex>;
+    // The rest with m_lock held.
+    Channel* find(int ch);
+    bool connected() const;
+    bool fingerprintOf(std::string& sha256, std::string& keyType);
     // Detaches the entry's callbacks and frees its libssh channel.
     void freeHandle(Channel& c);
-    // Processes incoming packets for at most timeoutMs (window adjustments,
-    // the peer's CLOSE). False when the session failed.
-    bool pumpSession(int timeoutMs, LogBase& log);
-    bool nothingBuffered(Channel& c);
+    // Tells the channels whose writes found the window closed that it reopened.
+    void reportWindows();
     AuthOutcome authResult(int rc, const char* refusal, LogBase& log);
     void logSessionError(const char* what, LogBase& log);
+    bool applyOptions(const LibsshConnectSettings& settings, LogBase& log);
     void disconnect();
 
+    std::mutex m_lock;
     ssh_session_struct* m_session = nullptr;
+    ssh_event_struct* m_event = nullptr;                  // polls the session's socket
+    std::unique_ptr<ssh_counter_struct> m_socketCounter;  // libssh counts the socket's bytes here
+    int m_wakeFd = -1;                                    // an eventfd that ends a pump's poll
     std::map<int, std::unique_ptr<Channel>> m_channels;
+    int m_windowWaiters = 0;
+    std::vector<unsigned char> m_scratch;  // redeliver's buffer
+    std::string m_error;                   // our own reason for the last failure
     std::string m_host;
     int m_port = 0;
     std::string m_configUser;

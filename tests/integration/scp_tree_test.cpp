@@ -260,7 +260,7 @@ TEST(ScpFakeServerTest, DyingRemoteScpFailsPromptlyAndLeavesNoFile) {
     options.extraConfig = "ForceCommand " + installFakeScp(dir.path()) + "\nAcceptEnv SCPKIT_*\n";
     SshdFixture sshd(options);
     if (!sshd.ok()) GTEST_SKIP() << sshd.error();
-    SshRig rig(&sshd, 2000);
+    SshRig rig(2000, &sshd);
     ASSERT_TRUE(rig.connected) << lastErrorText(rig.ssh);
     writeFile(dir.file("up.bin"), randomBytes(4 << 20, 3));
     for (const char* opts : {"", "Pipelined"}) {

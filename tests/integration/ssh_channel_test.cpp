@@ -1,11 +1,11 @@
-// ClsSsh's channel operations against a real sshd: the two output streams,
-// EOF and CLOSE, environment requests, more channels than the server allows
-// sessions, and stall timeouts on reads and window-bounded writes.
+// ClsSsh's channels against a real sshd: the two output streams, EOF and
+// CLOSE, the server's session limit, and stall timeouts.
 #include <gtest/gtest.h>
-#include <signal.h>
 
 #include <string>
+#include <thread>
 
+#include <scpkit/scp/ClsScp.h>
 #include "tests/integration/ssh_test_util.h"
 
 namespace scpkit::test {
@@ -22,7 +22,6 @@ TEST(SshChannel, ExecKeepsTheErrorStreamApartAndReportsEofAndClose) {
     XString cmd("read -r line; printf 'out:%s' \"$line\"; printf 'err:%s' \"$line\" >&2");
     const int ch = ssh.openSessionChannel(sp, log);
     ASSERT_TRUE(ch >= 0 && ssh.sendReqExec(ch, cmd, sp, log)) << renderedLog(log);
-    EXPECT_FALSE(ssh.channelReceivedEof(ch, log) || ssh.channelReceivedClose(ch, log));
     DataBuffer line, out;
     line.appendStr("hello\n");
     ASSERT_TRUE(ssh.channelSendData(ch, line, sp, log) &&
@@ -37,74 +36,80 @@ TEST(SshChannel, ExecKeepsTheErrorStreamApartAndReportsEofAndClose) {
     EXPECT_TRUE(ssh.channelReceivedClose(ch, log) && sp.m_receivedClose);
 }
 
-TEST(SshChannel, MoreChannelsInTurnThanTheServerAllowsSessions) {
-    REQUIRE_SSHD(shared);
-    pid_t pid = -1;
-    std::string dir;
-    {
-        SshdOptions options;
-        options.extraConfig = "MaxSessions 2";
-        SshdFixture sshd(options);
-        ASSERT_TRUE(sshd.ok()) << sshd.error();
-        pid = sshd.pid();
-        dir = sshd.tempDir();
-        ClsSsh ssh;
-        ASSERT_TRUE(sshd.connectAndLogin(ssh)) << lastErrorText(ssh);
-        // Like a download, none of these channels sends CLOSE first: the
-        // server's CLOSE must be answered, or its sessions run out.
-        for (int i = 0; i < 4; ++i)
-            EXPECT_EQ(execOutput(ssh, "printf " + std::to_string(i)), std::to_string(i));
-    }
-    // The fixture stops its server by PID and leaves nothing behind.
-    EXPECT_NE(kill(pid, 0), 0);
-    EXPECT_FALSE(pathExists(dir));
-}
+// Aborts at the first percent.
+struct AbortAtOnce : ProgressEvent {
+    void OnPercent(int, bool& abort) override { abort = true; }
+};
 
-TEST(SshChannel, EnvironmentRequestsAcceptedAndRefused) {
-    REQUIRE_SSHD(sshd);
+// With two sessions allowed: channels whose server closed them free their
+// sessions without being finished; a channel that waits on a silent server
+// in one thread keeps its session while another thread's aborted transfers
+// need theirs back, one after the other.
+TEST(SshChannel, SessionLimitTakesBackOnlyFinishedChannels) {
+    REQUIRE_SSHD(shared);
+    SshdOptions options;
+    options.extraConfig = "MaxSessions 2";
+    SshdFixture sshd(options);
     ClsSsh ssh;
-    ASSERT_TRUE(sshd.connectAndLogin(ssh)) << lastErrorText(ssh);
+    ASSERT_TRUE(sshd.connectAndLogin(ssh)) << sshd.error() << lastErrorText(ssh);
+    for (int i = 0; i < 4; ++i)  // none sends CLOSE first, like a download
+        EXPECT_EQ(execOutput(ssh, "printf " + std::to_string(i)), std::to_string(i));
+
+    const std::string big = sshd.makeScratchDir("limit") + "/big";
+    writeFile(big, std::string(4 << 20, 'b'));
     _vqLogger log;
     SocketParams sp(nullptr);
-    const int ch = ssh.openSessionChannel(sp, log);
-    ASSERT_GE(ch, 0) << renderedLog(log);
-    const struct {
-        const char *name, *value;
-        bool accepted;  // the fixture's sshd accepts LANG and LC_*
-    } cases[] = {{"LANG", "C.UTF-8", true}, {"LC_ALL", "C", true}, {"SCPKIT_NOPE", "1", false}};
-    for (const auto& c : cases) {
-        XString name(c.name), value(c.value);
-        EXPECT_EQ(ssh.sendReqSetEnv(ch, name, value, sp, log), c.accepted) << c.name;
+    XString wait("read -r line; printf 'got:%s' \"$line\"");
+    const int waiting = ssh.openSessionChannel(sp, log);
+    ASSERT_TRUE(waiting >= 0 && ssh.sendReqExec(waiting, wait, sp, log)) << renderedLog(log);
+    std::string waited;
+    std::thread waiter([&] { waited = execOutput(ssh, "", waiting); });
+    ClsScp scp;
+    scp.UseSsh(ssh);
+    for (int i = 0; i < 4; ++i) {
+        AbortAtOnce abort;
+        DataBuffer partial;
+        XString remote(big.c_str());
+        EXPECT_FALSE(scp.DownloadBinary(remote, partial, &abort));
+        expectLog(lastErrorText(scp), {"aborted by the application"});
     }
-    // A refusal leaves the channel usable, and the accepted ones arrived.
-    EXPECT_EQ(
-        execOutput(ssh, "printf '%s|%s|%s' \"$LANG\" \"$LC_ALL\" \"${SCPKIT_NOPE-unset}\"", ch),
-        "C.UTF-8|C|unset");
+    DataBuffer whole;
+    XString remote(big.c_str());
+    EXPECT_TRUE(scp.DownloadBinary(remote, whole, nullptr)) << lastErrorText(scp);
+    EXPECT_EQ(whole.getSize(), 4u << 20);
+    DataBuffer go;
+    go.appendStr("go\n");
+    EXPECT_TRUE(ssh.channelSendData(waiting, go, sp, log)) << renderedLog(log);
+    waiter.join();
+    EXPECT_EQ(waited, "got:go");
 }
 
+// Reads, window-bound writes and waits for CLOSE on a command that neither
+// reads nor writes give up after the stall timeout (the object's, or the
+// wait's own), leaving the connection usable.
 TEST(SshChannel, StalledPeerFailsWithinTheStallTimeout) {
     REQUIRE_SSHD(sshd);
-    // A connect timeout (which bounds libssh's own waits) beyond the
-    // command's 30 s: only the stall timeout can end the waits below early.
+    // libssh's own waits are bounded by the connect timeout: beyond the command's 30 s.
     ClsSsh ssh;
     ASSERT_TRUE(sshd.connectAndLogin(ssh, 120000)) << lastErrorText(ssh);
-    ssh.put_StallTimeoutMs(500);
     DataBuffer big;  // far beyond the peer's window
-    const std::string bytes(16 << 20, 'x');
-    big.append(bytes.data(), bytes.size());
+    big.append(std::string(16 << 20, 'x').data(), 16 << 20);
     for (int op = 0; op < 3; ++op) {  // read, write, wait for CLOSE
         _vqLogger log;
         SocketParams sp(nullptr);
         SshReadParams rp;
-        XString cmd("exec sleep 30");  // neither reads its input nor writes anything
+        rp.idleTimeoutMs = op == 2 ? 400 : -1;
+        ssh.put_StallTimeoutMs(op == 2 ? 0 : 500);  // 0: no limit of the object's own
+        XString cmd("exec sleep 30");
         const int ch = ssh.openSessionChannel(sp, log);
         ASSERT_TRUE(ch >= 0 && ssh.sendReqExec(ch, cmd, sp, log)) << renderedLog(log);
         EXPECT_FALSE(op == 0   ? ssh.channelRead(ch, sp, log) >= 0
                      : op == 1 ? ssh.channelSendData(ch, big, sp, log)
-                               : ssh.channelReceiveUntilCondition(ch, 1, rp, sp, log))
-            << op;
-        // Given up by itself, not ended by the command's end: still no EOF.
-        EXPECT_LT(ssh.channelRead(ch, sp, log), 0);
+                               : ssh.channelReceiveUntilCondition(ch, 1, rp, sp, log));
+        expectLog(renderedLog(log), {"within the stall timeout.",
+                                     op == 2 ? "stallTimeoutMs: 400" : "stallTimeoutMs: 500"});
+        EXPECT_FALSE(ssh.channelReceivedEof(ch, log));  // given up, not ended by the command
+        ssh.channelFinished(ch);
         EXPECT_TRUE(ssh.get_IsConnected());
     }
 }

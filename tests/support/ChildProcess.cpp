@@ -98,6 +98,11 @@ ChildResult ChildProcess::finish(int timeoutMs) {
     return r;
 }
 
+bool ChildProcess::exited() {
+    if (m_pid > 0 && waitpid(m_pid, nullptr, WNOHANG) == m_pid) m_pid = -1;
+    return m_pid < 0;
+}
+
 ChildResult runChild(const std::string& program, const std::vector<std::string>& args,
                      const std::vector<std::string>& env, const std::string& input, int timeoutMs) {
     ChildProcess child;

@@ -40,6 +40,12 @@ class ChildProcess {
     // timeoutMs the child is killed.
     ChildResult finish(int timeoutMs);
 
+    // For callers that do their own I/O: the parent's end of the child's
+    // input (0), output (1) or error (2), -1 once closed; and whether the
+    // child has exited (reaped without waiting).
+    int& fd(int i) { return m_fd[i]; }
+    bool exited();
+
   private:
     static void closeFd(int& fd) { ::close(std::exchange(fd, -1)); }  // -1: nothing to close
 

@@ -3,52 +3,63 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
-#include <sys/wait.h>
+#include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <chrono>
-#include <cstring>
-#include <utility>
 #include <vector>
 
-#include <scpkit/base/DataBuffer.h>
 #include <scpkit/base/LogBase.h>
+#include "tests/support/ChildProcess.h"
 
 namespace scpkit::test {
 
-namespace {
-void closeFd(int& fd) {
-    if (fd >= 0) ::close(fd);
-    fd = -1;
-}
-}  // namespace
-
 struct ProcessTransport::Child {
+    ChannelInbox* inbox = nullptr;
     std::vector<std::string> env;  // "NAME=value"
-    pid_t pid = -1;
-    int in = -1, out = -1, err = -1;  // the child's stdin, stdout, stderr
-    bool exited = false, eof = false;
+    ChildProcess process;
+    bool started = false, eofSent = false, closeSent = false, wantWrite = false;
+    std::string pending;  // stdout bytes the inbox declined
 
-    // Reaps the child without blocking; true once it has exited.
-    bool reap() {
-        int status = 0;
-        if (!exited && pid > 0) exited = ::waitpid(pid, &status, WNOHANG) != 0;
-        return exited;
+    void closeFd(int i) {
+        if (process.fd(i) >= 0) ::close(process.fd(i));
+        process.fd(i) = -1;
     }
-    ~Child() {
-        closeFd(in), closeFd(out), closeFd(err);
-        if (pid > 0 && !exited && ::kill(pid, SIGKILL) == 0) ::waitpid(pid, nullptr, 0);
+    void offer() {
+        auto* bytes = reinterpret_cast<const unsigned char*>(pending.data());
+        if (!pending.empty()) pending.erase(0, inbox->onData(bytes, pending.size(), false, 0));
+    }
+    // Delivers what the pipes hold; stdout only while the inbox keeps up.
+    void deliver() {
+        unsigned char buf[65536];
+        for (int i : {2, 1}) {
+            for (int n = 0; n < 16 && process.fd(i) >= 0 && (i == 2 || pending.empty()); ++n) {
+                ssize_t got = ::read(process.fd(i), buf, sizeof buf);
+                if (got < 0 && (errno == EAGAIN || errno == EINTR)) break;
+                if (got <= 0) closeFd(i);
+                if (got > 0 && i == 2) inbox->onData(buf, static_cast<size_t>(got), true, 0);
+                if (got > 0 && i == 1) pending.append(reinterpret_cast<char*>(buf), got), offer();
+            }
+        }
+        offer();
+        bool drained = process.fd(1) < 0 && pending.empty();
+        if (drained && !eofSent) eofSent = true, inbox->onEof();
+        if (drained && process.fd(2) < 0 && !closeSent && process.exited())
+            closeSent = true, inbox->onClose();
     }
 };
 
-ProcessTransport::ProcessTransport(std::string workDir) : m_workDir(std::move(workDir)) {
+ProcessTransport::ProcessTransport(std::string workDir)
+    : m_workDir(std::move(workDir)), m_wakeFd(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {
     // A child that exits while we write to its stdin must give EPIPE, not end the test.
     ::signal(SIGPIPE, SIG_IGN);
 }
 
-ProcessTransport::~ProcessTransport() = default;
+ProcessTransport::~ProcessTransport() {
+    m_children.clear();
+    ::close(m_wakeFd);
+}
 
 ProcessTransport::Child* ProcessTransport::find(int ch) {
     auto it = m_children.find(ch);
@@ -59,128 +70,91 @@ void ProcessTransport::describeServer(LogBase& log) {
     log.LogData("serverVersion", "local process transport");
 }
 
-int ProcessTransport::openChannel(LogBase&) {
+int ProcessTransport::openChannel(ChannelInbox& inbox) {
     std::lock_guard<std::mutex> lock(m_mutex);
     m_children[m_next] = std::make_unique<Child>();
+    m_children[m_next]->inbox = &inbox;
     return m_next++;
 }
 
-bool ProcessTransport::setEnv(int ch, const char* name, const char* value, LogBase&) {
+bool ProcessTransport::setEnv(int ch, const char* name, const char* value) {
     std::lock_guard<std::mutex> lock(m_mutex);
     Child* c = find(ch);
-    if (!c || c->pid >= 0 || !*name || std::strchr(name, '=') || *name == '-') return false;
+    if (!c || c->started || !*name || std::string(name).find('=') != std::string::npos)
+        return false;
     c->env.push_back(std::string(name) + "=" + value);
     return true;
 }
 
-bool ProcessTransport::exec(int ch, const char* command, LogBase& log) {
+bool ProcessTransport::exec(int ch, const char* command) {
     std::lock_guard<std::mutex> lock(m_mutex);
     Child* c = find(ch);
-    if (!c || c->pid >= 0) return false;
-    // env(1) puts the requested variables in front of the shell. Everything
-    // is built before fork: between fork and exec only async-signal-safe calls.
-    std::vector<std::string> args = {"/usr/bin/env"};
-    args.insert(args.end(), c->env.begin(), c->env.end());
-    args.insert(args.end(), {"/bin/sh", "-c", command});
-    std::vector<char*> argv;
-    for (auto& a : args) argv.push_back(a.data());
-    argv.push_back(nullptr);
-    const char* dir = m_workDir.empty() ? nullptr : m_workDir.c_str();
+    if (!c || c->started) return false;
+    std::string line = command;
+    if (!m_workDir.empty()) line = "cd '" + m_workDir + "' && " + line;
+    c->started = c->process.start("/bin/sh", {"-c", line}, c->env);
+    for (int i = 0; i < 3 && c->started; ++i)
+        ::fcntl(c->process.fd(i), F_SETFL, ::fcntl(c->process.fd(i), F_GETFL) | O_NONBLOCK);
+    return c->started;
+}
 
-    int fds[3][2];  // stdin, stdout, stderr
-    for (auto& p : fds)
-        if (::pipe2(p, O_CLOEXEC) != 0) return false;
-    pid_t pid = ::fork();
-    if (pid == 0) {
-        ::signal(SIGPIPE, SIG_DFL);
-        ::dup2(fds[0][0], 0), ::dup2(fds[1][1], 1), ::dup2(fds[2][1], 2);
-        if (dir && ::chdir(dir) != 0) ::_exit(126);
-        ::execv(argv[0], argv.data());
-        ::_exit(127);
+long ProcessTransport::write(int ch, const unsigned char* data, size_t numBytes) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    Child* c = find(ch);
+    if (!c || c->process.fd(0) < 0) return -1;
+    ssize_t n = ::write(c->process.fd(0), data, numBytes);
+    if (n >= 0) return n;
+    if (errno != EAGAIN && errno != EINTR) return -1;
+    c->wantWrite = true;  // the pump reports when the pipe has room
+    wakePump();
+    return 0;
+}
+
+bool ProcessTransport::pump(int timeoutMs) {
+    std::vector<pollfd> fds = {{m_wakeFd, POLLIN, 0}};
+    std::vector<int> writers;  // the channel of each POLLOUT entry, at the end of fds
+    {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        for (auto& [id, c] : m_children) {
+            const int in = c->process.fd(0), out = c->process.fd(1), err = c->process.fd(2);
+            if (err >= 0) fds.push_back({err, POLLIN, 0});
+            if (out >= 0 && c->pending.empty()) fds.push_back({out, POLLIN, 0});
+            // A child whose pipes are closed is looked at again soon, for its exit.
+            if (c->started && out < 0 && err < 0 && !c->closeSent)
+                timeoutMs = std::min(timeoutMs, 5);
+            if (c->wantWrite && in >= 0) writers.push_back(id);
+        }
+        for (int id : writers) fds.push_back({m_children[id]->process.fd(0), POLLOUT, 0});
     }
-    ::close(fds[0][0]), ::close(fds[1][1]), ::close(fds[2][1]);
-    c->in = fds[0][1], c->out = fds[1][0], c->err = fds[2][0];
-    if (pid < 0) {
-        log.LogError("fork failed.");
-        return false;
+    ::poll(fds.data(), fds.size(), std::max(timeoutMs, 0));
+    uint64_t count;
+    if (fds[0].revents && ::read(m_wakeFd, &count, sizeof count) < 0) count = 0;
+    std::lock_guard<std::mutex> lock(m_mutex);
+    for (size_t i = 0; i < writers.size(); ++i) {
+        Child* c = find(writers[i]);
+        if (c && c->wantWrite && fds[fds.size() - writers.size() + i].revents)
+            c->wantWrite = false, c->inbox->onWritable();
     }
-    c->pid = pid;
-    for (int fd : {c->in, c->out, c->err}) ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) | O_NONBLOCK);
+    for (auto& entry : m_children)
+        if (entry.second->started) entry.second->deliver();
     return true;
 }
 
-long ProcessTransport::write(int ch, const unsigned char* data, size_t numBytes, int timeoutMs,
-                             LogBase& log) {
-    int fd;
-    {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        Child* c = find(ch);
-        if (!c || c->in < 0) return -1;
-        fd = c->in;
-    }
-    struct pollfd p = {fd, POLLOUT, 0};
-    if (::poll(&p, 1, std::max(timeoutMs, 0)) <= 0) return 0;
-    ssize_t n = ::write(fd, data, numBytes);
-    if (n >= 0 || errno == EAGAIN || errno == EINTR) return std::max<long>(n, 0);
-    log.LogData("writeError", std::strerror(errno));
-    return -1;
+void ProcessTransport::wakePump() {
+    uint64_t one = 1;
+    if (::write(m_wakeFd, &one, sizeof one) < 0) return;
 }
 
-long ProcessTransport::read(int ch, unsigned char* buf, size_t cap, DataBuffer& stderrOut,
-                            int timeoutMs, LogBase&) {
-    using namespace std::chrono;
+void ProcessTransport::redeliver(int ch) {
     std::lock_guard<std::mutex> lock(m_mutex);
-    Child* c = find(ch);
-    if (!c || c->pid < 0) return -1;
-    const auto deadline = steady_clock::now() + milliseconds(timeoutMs);
-    for (;;) {
-        int left = static_cast<int>(std::max<long long>(
-            0, duration_cast<milliseconds>(deadline - steady_clock::now()).count()));
-        struct pollfd fds[2];
-        nfds_t count = 0;
-        for (int fd : {c->out, c->err})
-            if (fd >= 0) fds[count++] = {fd, POLLIN, 0};
-        if (count == 0) {  // both pipes drained: CLOSE comes with the child's exit
-            while (!c->reap() && left-- > 0) ::usleep(1000);
-            return 0;
-        }
-        int r = ::poll(fds, count, left);
-        if (r < 0 && errno == EINTR) continue;
-        if (r <= 0) return r;  // timed out, or failed
-        unsigned char tmp[16384];
-        ssize_t e = c->err >= 0 ? ::read(c->err, tmp, sizeof tmp) : -1;
-        if (e > 0) stderrOut.append(tmp, static_cast<size_t>(e));
-        if (e == 0) closeFd(c->err);
-        ssize_t n = c->out >= 0 ? ::read(c->out, buf, cap) : -1;
-        if (n > 0) return static_cast<long>(n);
-        if (n == 0) closeFd(c->out), c->eof = true;
-        if (n == 0 || e > 0) return 0;
-        if (n < 0 && c->out >= 0 && errno != EAGAIN && errno != EINTR) return -1;
-        // Only a pipe closed: wait on what is left.
-    }
+    if (Child* c = find(ch); c && c->started) c->deliver();
 }
 
-bool ProcessTransport::sendEof(int ch, LogBase&) {
+bool ProcessTransport::sendClose(int ch) {
     std::lock_guard<std::mutex> lock(m_mutex);
     Child* c = find(ch);
-    if (c) closeFd(c->in);
+    if (c) c->closeFd(0);
     return c != nullptr;
-}
-
-bool ProcessTransport::sendClose(int ch, LogBase& log) {
-    return sendEof(ch, log);
-}
-
-bool ProcessTransport::receivedEof(int ch) {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    Child* c = find(ch);
-    return c && c->eof;
-}
-
-bool ProcessTransport::receivedClose(int ch) {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    Child* c = find(ch);
-    return c && c->pid >= 0 && c->out < 0 && c->err < 0 && c->reap();
 }
 
 void ProcessTransport::releaseChannel(int ch) {

@@ -22,18 +22,16 @@ class ProcessTransport : public SshTransport {
 
     bool isConnected() override { return true; }
     void describeServer(LogBase& log) override;
-    int openChannel(LogBase& log) override;
-    bool setEnv(int ch, const char* name, const char* value, LogBase& log) override;
-    bool exec(int ch, const char* command, LogBase& log) override;
-    long write(int ch, const unsigned char* data, size_t numBytes, int timeoutMs,
-               LogBase& log) override;
-    long read(int ch, unsigned char* buf, size_t cap, DataBuffer& stderrOut, int timeoutMs,
-              LogBase& log) override;
-    bool sendEof(int ch, LogBase& log) override;    // closes the child's stdin
-    bool sendClose(int ch, LogBase& log) override;  // closes stdin; the child is left to exit
-    bool receivedEof(int ch) override;
-    bool receivedClose(int ch) override;
+    int openChannel(ChannelInbox& inbox) override;
+    bool setEnv(int ch, const char* name, const char* value) override;
+    bool exec(int ch, const char* command) override;
+    long write(int ch, const unsigned char* data, size_t numBytes) override;
+    bool pump(int timeoutMs) override;
+    void wakePump() override;
+    void redeliver(int ch) override;
+    bool sendClose(int ch) override;  // closes the child's stdin; the child is left to exit
     void releaseChannel(int ch) override;
+    std::string lastError() override { return ""; }
 
   private:
     struct Child;
@@ -42,6 +40,7 @@ class ProcessTransport : public SshTransport {
     std::mutex m_mutex;
     std::map<int, std::unique_ptr<Child>> m_children;
     int m_next = 0;
+    int m_wakeFd = -1;
 };
 
 }  // namespace scpkit::test

@@ -41,27 +41,28 @@ void ScriptedTransport::describeServer(LogBase& log) {
     log.LogData("serverVersion", "scripted test peer");
 }
 
-int ScriptedTransport::openChannel(LogBase&) {
+int ScriptedTransport::openChannel(ChannelInbox& inbox) {
     std::lock_guard<std::mutex> lock(m_mutex);
     while (static_cast<int>(m_peers.size()) <= m_opened) m_peers.emplace_back();
+    m_peers[static_cast<size_t>(m_opened)].m_inbox = &inbox;
     return m_opened++;
 }
 
-bool ScriptedTransport::setEnv(int ch, const char* name, const char* value, LogBase&) {
+bool ScriptedTransport::setEnv(int ch, const char* name, const char* value) {
     std::lock_guard<std::mutex> lock(m_mutex);
     ScriptedPeer* p = opened(ch);
     if (p) p->envRequests.emplace_back(name, value);
     return p && p->m_refusedEnv.count(name) == 0;
 }
 
-bool ScriptedTransport::exec(int ch, const char* command, LogBase&) {
+bool ScriptedTransport::exec(int ch, const char* command) {
     std::lock_guard<std::mutex> lock(m_mutex);
     ScriptedPeer* p = opened(ch);
     if (p) p->execCommand = command;
     return p != nullptr;
 }
 
-long ScriptedTransport::write(int ch, const unsigned char* data, size_t numBytes, int, LogBase&) {
+long ScriptedTransport::write(int ch, const unsigned char* data, size_t numBytes) {
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         ScriptedPeer* p = opened(ch);
@@ -75,30 +76,53 @@ long ScriptedTransport::write(int ch, const unsigned char* data, size_t numBytes
     return static_cast<long>(numBytes);
 }
 
-long ScriptedTransport::read(int ch, unsigned char* buf, size_t cap, DataBuffer& stderrOut,
-                             int timeoutMs, LogBase&) {
+bool ScriptedTransport::deliver(ScriptedPeer& p) {
+    p.advance();
+    ChannelInbox* inbox = p.m_inbox;
+    if (!inbox) return false;
+    bool moved = !p.m_stderr.empty();
+    if (moved)
+        inbox->onData(reinterpret_cast<const unsigned char*>(p.m_stderr.data()), p.m_stderr.size(),
+                      true, 0);
+    p.m_stderr.clear();
+    if (!p.m_readable.empty()) {
+        size_t n = inbox->onData(reinterpret_cast<const unsigned char*>(p.m_readable.data()),
+                                 p.m_readable.size(), false, 0);
+        p.m_readable.erase(0, n);
+        moved = moved || n > 0;
+    }
+    if (!p.m_readable.empty()) return moved;  // EOF and CLOSE come after the bytes
+    if (p.m_eof && !p.m_eofDelivered) inbox->onEof();
+    if (p.m_close && !p.m_closeDelivered) inbox->onClose();
+    moved = moved || (p.m_eof && !p.m_eofDelivered) || (p.m_close && !p.m_closeDelivered);
+    p.m_eofDelivered = p.m_eof;
+    p.m_closeDelivered = p.m_close;
+    return moved;
+}
+
+bool ScriptedTransport::pump(int timeoutMs) {
     std::unique_lock<std::mutex> lock(m_mutex);
-    ScriptedPeer* p = opened(ch);
-    if (!p) return -1;
-    // Nothing to play yet: sleep until the client's writes release more, or the timeout passes.
-    m_wrote.wait_for(lock, std::chrono::milliseconds(std::max(timeoutMs, 0)), [p] {
-        p->advance();
-        return !p->m_readable.empty() || !p->m_stderr.empty() || p->m_eof || p->m_close;
+    m_wrote.wait_for(lock, std::chrono::milliseconds(std::max(timeoutMs, 0)), [this] {
+        bool moved = false;
+        for (int i = 0; i < m_opened; ++i)
+            moved = deliver(m_peers[static_cast<size_t>(i)]) || moved;
+        return moved || m_wake;
     });
-    stderrOut.append(p->m_stderr.data(), p->m_stderr.size());
-    p->m_stderr.clear();
-    size_t n = std::min(cap, p->m_readable.size());
-    std::memcpy(buf, p->m_readable.data(), n);
-    p->m_readable.erase(0, n);
-    return static_cast<long>(n);
+    m_wake = false;
+    return true;
 }
 
-bool ScriptedTransport::sendEof(int ch, LogBase&) {
+void ScriptedTransport::wakePump() {
+    m_wake = true;  // no lock: the caller may be inside one of our calls
+    m_wrote.notify_all();
+}
+
+void ScriptedTransport::redeliver(int ch) {
     std::lock_guard<std::mutex> lock(m_mutex);
-    return opened(ch) != nullptr;
+    if (ScriptedPeer* p = opened(ch)) deliver(*p);
 }
 
-bool ScriptedTransport::sendClose(int ch, LogBase&) {
+bool ScriptedTransport::sendClose(int ch) {
     {
         std::lock_guard<std::mutex> lock(m_mutex);
         ScriptedPeer* p = opened(ch);
@@ -110,19 +134,9 @@ bool ScriptedTransport::sendClose(int ch, LogBase&) {
     return true;
 }
 
-bool ScriptedTransport::receivedEof(int ch) {
+void ScriptedTransport::releaseChannel(int ch) {
     std::lock_guard<std::mutex> lock(m_mutex);
-    ScriptedPeer* p = opened(ch);
-    return p && p->m_eof;
+    if (ScriptedPeer* p = opened(ch)) p->m_inbox = nullptr;
 }
-
-bool ScriptedTransport::receivedClose(int ch) {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    ScriptedPeer* p = opened(ch);
-    return p && p->m_close;
-}
-
-// The recording stays for the test to inspect.
-void ScriptedTransport::releaseChannel(int) {}
 
 }  // namespace scpkit::test

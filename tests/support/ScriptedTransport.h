@@ -11,6 +11,7 @@
 //   EXPECT_EQ(t->peer(0).written, expectedBytes);
 #pragma once
 
+#include <atomic>
 #include <condition_variable>
 #include <cstddef>
 #include <deque>
@@ -74,9 +75,11 @@ class ScriptedPeer {
     void advance();  // plays the steps whose wait is over
 
     std::deque<Step> m_steps;
-    std::string m_readable;  // played, not yet read
+    ChannelInbox* m_inbox = nullptr;  // while the channel is open
+    std::string m_readable;           // played, not yet taken
     std::string m_stderr;
     bool m_eof = false, m_close = false;
+    bool m_eofDelivered = false, m_closeDelivered = false;
     bool m_closeOnClientClose = false;
     std::set<std::string> m_refusedEnv;
 };
@@ -90,26 +93,27 @@ class ScriptedTransport : public SshTransport {
 
     bool isConnected() override { return true; }
     void describeServer(LogBase& log) override;
-    int openChannel(LogBase& log) override;
-    bool setEnv(int ch, const char* name, const char* value, LogBase& log) override;
-    bool exec(int ch, const char* command, LogBase& log) override;
-    long write(int ch, const unsigned char* data, size_t numBytes, int timeoutMs,
-               LogBase& log) override;
-    // With nothing to read it waits out the timeout (keep stall timeouts short in tests).
-    long read(int ch, unsigned char* buf, size_t cap, DataBuffer& stderrOut, int timeoutMs,
-              LogBase& log) override;
-    bool sendEof(int ch, LogBase& log) override;
-    bool sendClose(int ch, LogBase& log) override;
-    bool receivedEof(int ch) override;
-    bool receivedClose(int ch) override;
-    void releaseChannel(int ch) override;
+    int openChannel(ChannelInbox& inbox) override;
+    bool setEnv(int ch, const char* name, const char* value) override;
+    bool exec(int ch, const char* command) override;
+    long write(int ch, const unsigned char* data, size_t numBytes) override;
+    // Delivers what the scripts have played; with nothing to deliver it waits
+    // out the timeout (keep stall timeouts short in tests).
+    bool pump(int timeoutMs) override;
+    void wakePump() override;
+    void redeliver(int ch) override;
+    bool sendClose(int ch) override;
+    void releaseChannel(int ch) override;  // the recording stays for the test
+    std::string lastError() override { return ""; }
 
   private:
-    ScriptedPeer* opened(int ch);  // null for a channel never opened; the lock is held
+    ScriptedPeer* opened(int ch);   // null for a channel never opened; the lock is held
+    bool deliver(ScriptedPeer& p);  // true when something moved; the lock is held
     std::mutex m_mutex;
     std::condition_variable m_wrote;   // the client wrote or closed
     std::deque<ScriptedPeer> m_peers;  // stable addresses
     int m_opened = 0;
+    std::atomic<bool> m_wake{false};
 };
 
 }  // namespace scpkit::test

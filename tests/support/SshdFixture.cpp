@@ -41,8 +41,8 @@ namespace {
 constexpr const char* kPasswordUser = "scpkittest";
 constexpr const char* kPassword = "Scpkit-test-pw-7351";
 
-// Whether something accepts connections on the loopback port; with port 0,
-// a port nobody listens on right now (the kernel's pick), else -1.
+// With a port: whether something accepts connections there. With 0: a
+// loopback port nobody listens on right now (the kernel's pick).
 int probeLoopback(int port) {
     const int fd = socket(AF_INET, SOCK_STREAM, 0);
     sockaddr_in addr{};
@@ -51,11 +51,9 @@ int probeLoopback(int port) {
     addr.sin_port = htons(static_cast<uint16_t>(port));
     socklen_t len = sizeof addr;
     auto* sa = reinterpret_cast<sockaddr*>(&addr);
-    int result = -1;
-    if (port != 0)
-        result = connect(fd, sa, len) == 0;
-    else if (bind(fd, sa, len) == 0 && getsockname(fd, sa, &len) == 0)
-        result = ntohs(addr.sin_port);
+    int result = port ? connect(fd, sa, len) == 0
+                 : bind(fd, sa, len) == 0 && getsockname(fd, sa, &len) == 0 ? ntohs(addr.sin_port)
+                                                                            : -1;
     close(fd);
     return result;
 }
@@ -63,11 +61,11 @@ int probeLoopback(int port) {
 // The local account for password logins. Test programs of other worktrees
 // may hold the account database's lock at the same moment: retry.
 bool ensurePasswordUser() {
-    const std::string user = kPasswordUser;
     for (int attempt = 0; attempt < 10; ++attempt) {
-        if (attempt > 0) std::this_thread::sleep_for(std::chrono::milliseconds(200));
-        if ((getpwnam(kPasswordUser) || shell("useradd -m -s /bin/sh " + user) == 0) &&
-            shell("echo '" + user + ":" + kPassword + "' | chpasswd") == 0)
+        std::this_thread::sleep_for(std::chrono::milliseconds(attempt * 200));
+        if ((getpwnam(kPasswordUser) ||
+             shell(std::string("useradd -m -s /bin/sh ") + kPasswordUser) == 0) &&
+            shell(std::string("echo '") + kPasswordUser + ":" + kPassword + "' | chpasswd") == 0)
             return true;
     }
     return false;
@@ -122,7 +120,7 @@ bool SshdFixture::start(const SshdOptions& options) {
         m_pwUser = kPasswordUser;
         m_pwPassword = kPassword;
     }
-
+    // Another program may take the port between our pick and sshd's bind: then the next one.
     for (int attempt = 0; attempt < 5; ++attempt) {
         m_port = probeLoopback(0);
         // The caller's lines first: sshd keeps the first value of a keyword.
@@ -139,10 +137,7 @@ bool SshdFixture::start(const SshdOptions& options) {
                               "/sshd_config >" + m_dir + "/sshd.log 2>&1";
         char sh[] = "/bin/sh", dashC[] = "-c";
         char* argv[] = {sh, dashC, command.data(), nullptr};
-        if (posix_spawn(&m_pid, sh, nullptr, nullptr, argv, environ) != 0) {
-            m_pid = -1;
-            return fail("cannot start sshd");
-        }
+        if (posix_spawn(&m_pid, sh, nullptr, nullptr, argv, environ) != 0) m_pid = -1;
         // Up to 10 s for sshd to listen, or to give up on the port.
         for (int i = 0; i < 200 && m_pid > 0; ++i) {
             if (waitpid(m_pid, nullptr, WNOHANG) != 0) m_pid = -1;  // sshd gave up
@@ -154,9 +149,8 @@ bool SshdFixture::start(const SshdOptions& options) {
             }
             std::this_thread::sleep_for(std::chrono::milliseconds(50));
         }
-        const std::string log = readFile(m_dir + "/sshd.log");
         stop();
-        // Someone else took the port between our pick and sshd's bind: next one.
+        const std::string log = readFile(m_dir + "/sshd.log");
         if (log.find("Address already in use") == std::string::npos)
             return fail("sshd did not start: " + log);
     }

@@ -168,7 +168,7 @@ ScpRig::ScpRig(const ScpSettings& settings, int stallMs) {
     settings.applyTo(scp);
 }
 
-SshRig::SshRig(SshdFixture* sshd, int stallMs) {
+SshRig::SshRig(int stallMs, SshdFixture* sshd) {
     connected = (sshd ? *sshd : SshdFixture::shared()).connectAndLogin(ssh);
     ssh.put_StallTimeoutMs(stallMs);
     scp.UseSsh(ssh);

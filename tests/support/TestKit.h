@@ -125,7 +125,7 @@ struct SshRig {
     ClsSsh ssh;
     ClsScp scp;
     bool connected = false;
-    explicit SshRig(SshdFixture* sshd = nullptr, int stallMs = 5000);
+    explicit SshRig(int stallMs = 5000, SshdFixture* sshd = nullptr);
 };
 
 // ---- a fake remote scp ----

@@ -118,7 +118,8 @@ TEST(RegularFiles, OutputAndDataSourcesAgreeOnBytesModeAndTimes) {
     ASSERT_TRUE(writeFile(path, std::string(400000, 'o')));
     _vqLogger log;
     std::unique_ptr<OutputFile> out(OutputFile::createFileUtf8(path.c_str(), log));
-    ASSERT_TRUE(out && out->isRegularFile() && writeTo(*out, "first", log));
+    ASSERT_TRUE(out && out->isRegularFile() && readFile(path).empty());  // truncated
+    ASSERT_TRUE(writeTo(*out, "first", log));
     out->resetOutput(log);  // starts over from the first byte, leaving no hole
     EXPECT_TRUE(writeTo(*out, content, log) &&
                 out->setFileTimeUtc_3(at(1), at(1500000000), at(1400000000), nullptr));

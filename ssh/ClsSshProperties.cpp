@@ -1,0 +1,133 @@
+// ClsSsh's properties. Every value is read and written under m_propertyLock,
+// held only while the value is copied, so an accessor never waits for a
+// Connect or a transfer in another thread, and those read each value once,
+// when they start.
+#include <string>
+
+#include <scpkit/ssh/ChannelTable.h>
+#include <scpkit/ssh/ClsSsh.h>
+#include <scpkit/ssh/LibsshTransport.h>
+
+namespace scpkit {
+
+namespace {
+
+constexpr int kDefaultConnectTimeoutMs = 30000;
+
+std::string trimmed(const XString& text) {
+    XString copy;
+    copy.copyFromX(text);
+    copy.trim2();
+    return copy.getUtf8();
+}
+
+bool isPolicy(const std::string& p) {
+    return p == "yes" || p == "accept-new" || p == "no";
+}
+
+}  // namespace
+
+bool ClsSsh::get_IsConnected() {
+    std::shared_ptr<SshTransport> t = m_table->transport();
+    return t && t->isConnected();
+}
+
+void ClsSsh::put_KnownHostsPath(XString& path) {
+    std::string value = trimmed(path);
+    std::lock_guard<std::mutex> lock(m_propertyLock);
+    m_knownHostsPath.setFromUtf8(value.c_str());
+}
+
+void ClsSsh::get_KnownHostsPath(XString& path) {
+    std::string value;
+    {
+        std::lock_guard<std::mutex> lock(m_propertyLock);
+        value = m_knownHostsPath.getUtf8();
+    }
+    if (value.empty()) {
+        std::string home = LibsshTransport::userHomeDir();
+        if (!home.empty()) value = home + "/.ssh/known_hosts";
+    }
+    path.setFromUtf8(value.c_str());
+}
+
+void ClsSsh::put_StrictHostKeyChecking(XString& policy) {
+    std::string value = trimmed(policy);
+    if (!isPolicy(value)) return;
+    std::lock_guard<std::mutex> lock(m_propertyLock);
+    m_hostKeyPolicy.setFromUtf8(value.c_str());
+}
+
+void ClsSsh::get_StrictHostKeyChecking(XString& policy) {
+    std::lock_guard<std::mutex> lock(m_propertyLock);
+    policy.copyFromX(m_hostKeyPolicy);
+}
+
+void ClsSsh::get_ServerKeySha256(XString& fingerprint) {
+    std::lock_guard<std::mutex> lock(m_propertyLock);
+    fingerprint.copyFromX(m_serverKeySha256);
+}
+
+void ClsSsh::put_ConnectTimeoutMs(int ms) {
+    std::lock_guard<std::mutex> lock(m_propertyLock);
+    m_connectTimeoutMs = ms > 0 ? ms : kDefaultConnectTimeoutMs;
+}
+
+int ClsSsh::get_ConnectTimeoutMs() {
+    std::lock_guard<std::mutex> lock(m_propertyLock);
+    return m_connectTimeoutMs;
+}
+
+void ClsSsh::put_StallTimeoutMs(int ms) {
+    std::lock_guard<std::mutex> lock(m_propertyLock);
+    m_stallTimeoutMs = ms < 0 ? 0 : ms;
+}
+
+int ClsSsh::get_StallTimeoutMs() {
+    std::lock_guard<std::mutex> lock(m_propertyLock);
+    return m_stallTimeoutMs;
+}
+
+void ClsSsh::put_UseSshConfig(bool use) {
+    std::lock_guard<std::mutex> lock(m_propertyLock);
+    m_useSshConfig = use;
+}
+
+bool ClsSsh::get_UseSshConfig() {
+    std::lock_guard<std::mutex> lock(m_propertyLock);
+    return m_useSshConfig;
+}
+
+void ClsSsh::put_Ciphers(XString& ciphers) {
+    std::string value = trimmed(ciphers);
+    std::lock_guard<std::mutex> lock(m_propertyLock);
+    m_ciphers.setFromUtf8(value.c_str());
+}
+
+void ClsSsh::get_Ciphers(XString& ciphers) {
+    std::lock_guard<std::mutex> lock(m_propertyLock);
+    ciphers.copyFromX(m_ciphers);
+}
+
+void ClsSsh::get_ConfigUser(XString& user) {
+    std::lock_guard<std::mutex> lock(m_propertyLock);
+    user.copyFromX(m_configUser);
+}
+
+void ClsSsh::put_StderrToStdout(bool merge) {
+    std::lock_guard<std::mutex> lock(m_propertyLock);
+    m_stderrToStdout = merge;
+}
+
+bool ClsSsh::get_StderrToStdout() {
+    std::lock_guard<std::mutex> lock(m_propertyLock);
+    return m_stderrToStdout;
+}
+
+void ClsSsh::setConnectionFacts(const char* serverKeySha256, const char* configUser) {
+    std::lock_guard<std::mutex> lock(m_propertyLock);
+    m_serverKeySha256.setFromUtf8(serverKeySha256);
+    m_configUser.setFromUtf8(configUser);
+}
+
+}  // namespace scpkit
