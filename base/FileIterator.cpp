@@ -70,16 +70,23 @@ bool _vqFileIterator::readEntry() {
         return false;
     }
     m_name = entry->d_name;
-    if (entry->d_type == DT_UNKNOWN) {
-        // Some file systems do not fill in the type; ask for it without
-        // following a link, so a link to a directory stays a non-directory.
+    if (entry->d_type == DT_LNK || entry->d_type == DT_UNKNOWN) {
+        // A link counts as what it leads to (a dangling one as no directory);
+        // some file systems do not fill in the type at all.
         struct stat st;
-        m_isDir = ::fstatat(::dirfd(dir), entry->d_name, &st, AT_SYMLINK_NOFOLLOW) == 0 &&
-                  S_ISDIR(st.st_mode);
+        m_isDir = ::fstatat(::dirfd(dir), entry->d_name, &st, 0) == 0 && S_ISDIR(st.st_mode);
     } else {
         m_isDir = entry->d_type == DT_DIR;
     }
     m_hasEntry = true;
+    return true;
+}
+
+bool DirIdentity::of(const XString& path, DirIdentity& id) {
+    struct stat st;
+    if (::stat(path.getUtf8(), &st) != 0) return false;
+    id.device = static_cast<uint64_t>(st.st_dev);
+    id.inode = static_cast<uint64_t>(st.st_ino);
     return true;
 }
 

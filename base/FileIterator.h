@@ -1,6 +1,7 @@
 // Directory listing, one entry at a time ("." and ".." included).
 #pragma once
 
+#include <cstdint>
 #include <string>
 
 #include <scpkit/base/VostrelObject.h>
@@ -13,8 +14,8 @@ class LogBase;
 class _vqFindFile : public VostrelObject {
   public:
     bool getFfFilename(XString& name, LogBase& log) const;
-    // True for a real directory; a symbolic link is never a directory here,
-    // so a walk does not follow links into other trees or round a cycle.
+    // True for a directory or a symbolic link to one (links are followed as
+    // scp -r follows them; a walk guards against cycles with DirIdentity).
     bool isDirectory() const { return m_isDir; }
 
   protected:
@@ -41,6 +42,16 @@ class _vqFileIterator : public _vqFindFile {
 
     void* m_dir = nullptr;  // DIR*
     std::string m_path;
+};
+
+// What a directory is on disk, whatever path leads to it: a walk that
+// follows links enters each real directory at most once per path.
+struct DirIdentity {
+    uint64_t device = 0;
+    uint64_t inode = 0;
+    bool operator==(const DirIdentity& o) const { return device == o.device && inode == o.inode; }
+    // Links followed; false when the path cannot be examined.
+    static bool of(const XString& path, DirIdentity& id);
 };
 
 }  // namespace scpkit

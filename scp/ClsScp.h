@@ -74,6 +74,14 @@ class ClsScp : public ClsBase {
     bool DownloadBd(XString& remotePath, ClsBinData& bd, ProgressEvent* progress = nullptr);
 
     // ---- tree synchronisation ----
+    // Uncommon options (put_UncommonOptions, any case):
+    //   "Pipelined"     answers leave as soon as they are known, not one round
+    //                   trip at a time (uploads, tree walks); same bytes, same
+    //                   order; never data before its "C" is accepted, nothing
+    //                   inside a directory before its "D" is;
+    //   "NoSizingPass"  no walk to size the progress first, even with a callback;
+    //   "DryRun"        select as a real run would, copy and create nothing;
+    //                   SyncedFiles lists what a real run would copy.
     bool SyncTreeUpload(XString& localDirRoot, XString& remoteDirRoot, int mode, bool recurse,
                         ProgressEvent* progress = nullptr);
     bool SyncTreeDownload(XString& remoteDirRoot, XString& localDirRoot, int mode, bool recurse,
@@ -86,6 +94,7 @@ class ClsScp : public ClsBase {
     class LocalWalk;
     struct NameFilters;
     struct UploadTarget;
+    struct PendingAcks;
 
     // Uncommon options of this component (case-insensitive substrings).
     bool hasOption(const char* keyword) const;
@@ -127,6 +136,12 @@ class ClsScp : public ClsBase {
                      LogBase& log);
     bool sendScpData(int channel, DataBuffer& data, SocketParams& sp, LogBase& log);
     bool sendByte(unsigned channel, char byte, SocketParams& sp, LogBase& log);
+    // With "Pipelined": the lines of a file go out without waiting for the
+    // answers still owed; the data only once every answer, the C line's
+    // included, has been read.
+    bool sendFileAhead(int channel, _vqDataSource& source, ScpFileInfo& info, PendingAcks& acks,
+                       SocketParams& sp, LogBase& log);
+    bool drainAcks(unsigned channel, PendingAcks& acks, SocketParams& sp, LogBase& log);
 
     // receiving side
     bool receiveFileInfo(unsigned channel, ScpFileInfo& info, SocketParams& sp, LogBase& log);
@@ -156,7 +171,8 @@ class ClsScp : public ClsBase {
     bool uploadData(XString& remoteFilePath, DataBuffer& data, ProgressEvent* progress);
     bool downloadData(XString& remotePath, DataBuffer& out, ProgressEvent* progress);
 
-    // selection rules
+    // selection rules; listSyncedFile adds a copied file to SyncedFiles
+    void listSyncedFile(const ScpFileInfo& info);
     bool needToDownload(int mode, XString& localRoot, ScpFileInfo& remote, XString& localPath,
                         LogBase& log);
     bool needToUpload(int mode, XString& localFilePath, XString& localRoot,

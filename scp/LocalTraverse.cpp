@@ -7,7 +7,9 @@
 // pass is the source side of a recursive copy: "D" on entering a directory,
 // each selected file with its times, "E" on leaving; every protocol step
 // first waits for the acknowledgement of the previous one.
+#include <algorithm>
 #include <cstdint>
+#include <vector>
 
 #include <scpkit/base/DataBuffer.h>
 #include <scpkit/base/DataSource.h>
@@ -21,6 +23,7 @@
 #include <scpkit/base/XString.h>
 #include <scpkit/scp/ClsScp.h>
 #include <scpkit/scp/NameFilters.h>
+#include <scpkit/scp/ScpCommand.h>
 #include <scpkit/scp/ScpFileInfo.h>
 
 namespace scpkit {
@@ -78,7 +81,9 @@ class ClsScp::LocalWalk {
           m_log(log),
           m_filters(scp),
           m_nested(log),
-          m_pm(pass == Pass::Upload ? sp.m_progressMonitor : nullptr) {}
+          m_pm(pass == Pass::Upload ? sp.m_progressMonitor : nullptr),
+          m_listSelected(pass == Pass::Compute && scp.hasOption("DryRun")),
+          m_pipelined(pass == Pass::Upload && scp.hasOption("Pipelined")) {}
 
     bool run();
 
@@ -89,6 +94,7 @@ class ClsScp::LocalWalk {
     Step read();
     Step handleFile(XString& name);
     Step uploadFile(XString& fullPath, XString& name);
+    void listIfSendable(XString& fullPath, XString& name);
     Step enterDirectory(XString& name);
     Step advance();
     Step leave();
@@ -97,7 +103,13 @@ class ClsScp::LocalWalk {
     bool uploading() const { return m_pass == Pass::Upload; }
     bool aborted() { return m_sp.spAbortCheck(m_log); }
     bool abortedWithMessage();
-    bool waitForGo() { return m_scp.waitForGo(m_ackBuf, m_ackOut, m_channel, m_sp, m_log); }
+    // Before a "D" or "E" line: lock-step waits for the previous answer;
+    // with answers in flight only a "D" just sent must be answered first.
+    bool awaitTurn();
+    void sentLine(bool isDirectory) {
+        ++m_acks.owed;
+        m_acks.drainFirst = isDirectory;
+    }
     void event(const char* name, const XString& path) {
         if (m_pm) m_pm->progressInfo(name, path.getUtf8());
     }
@@ -114,17 +126,24 @@ class ClsScp::LocalWalk {
     NameFilters m_filters;
     NestedContexts m_nested;
     ProgressMonitor* const m_pm;  // events: the upload pass only
+    const bool m_listSelected;    // a dry run: SyncedFiles lists what would be sent
+    const bool m_pipelined;       // lines go out before earlier answers are read
 
     // Iterators still open when the walk fails are released with the stack.
     ExtPtrArray m_dirStack;
-    ExtPtrArraySb m_relPathStack;  // "." for the root, then each entered name
+    ExtPtrArraySb m_relPathStack;       // "." for the root, then each entered name
+    std::vector<DirIdentity> m_onPath;  // the real directories of the current path
     _vqFileIterator* m_current = nullptr;
     XString m_curPath;
     int64_t m_totalBytes = 0;
     unsigned m_numDirs = 0;
-    DataBuffer m_ackBuf;
-    OutputDataBuffer m_ackOut{&m_ackBuf};
+    PendingAcks m_acks{1};  // the sink's ready byte first
 };
+
+bool ClsScp::LocalWalk::awaitTurn() {
+    if (!m_pipelined) return m_scp.waitForGo(m_acks.buf, m_acks.out, m_channel, m_sp, m_log);
+    return !m_acks.drainFirst || m_scp.drainAcks(m_channel, m_acks, m_sp, m_log);
+}
 
 bool ClsScp::LocalWalk::run() {
     if (!openRoot()) return false;
@@ -161,6 +180,8 @@ bool ClsScp::LocalWalk::openRoot() {
     if (!m_relPathStack.appendString(".")) return false;
     m_current = root;
     m_curPath.copyFromX(m_localRoot);
+    DirIdentity id;
+    if (DirIdentity::of(m_localRoot, id)) m_onPath.push_back(id);
     if (m_log.m_verboseLogging) {
         m_log.LogDataX("xLocalRoot", m_localRoot);
         m_nested.enter("dirTree");
@@ -192,6 +213,7 @@ ClsScp::LocalWalk::Step ClsScp::LocalWalk::handleFile(XString& name) {
     if (!m_scp.needToUpload(m_mode, fullPath, m_localRoot, m_remoteFiles, m_log))
         return Step::Advance;
     if (uploading()) return uploadFile(fullPath, name);
+    if (m_listSelected) listIfSendable(fullPath, name);
 
     bool ok = false;
     int64_t size = FileSys::fileSizeX_64(fullPath, &m_log, ok);
@@ -213,22 +235,44 @@ ClsScp::LocalWalk::Step ClsScp::LocalWalk::uploadFile(XString& fullPath, XString
         return Step::Advance;
     }
     source.m_reportsProgress = true;
-    if (!m_scp.sendFile(static_cast<int>(m_channel), source, false, info, m_sp, m_log)) {
+    const int ch = static_cast<int>(m_channel);
+    if (m_pipelined ? !m_scp.sendFileAhead(ch, source, info, m_acks, m_sp, m_log)
+                    : !m_scp.sendFile(ch, source, false, info, m_sp, m_log)) {
         event("scp-localfile-upload-failed", fullPath);
         return Step::Failed;
     }
     info.contructRPath(m_relPathStack, m_log);
-    m_scp.syncedFiles.append(info.rFilePath);
-    m_scp.syncedFiles.appendLineEnding();
+    m_scp.listSyncedFile(info);
     event("scp-localfile-uploaded", fullPath);
     return Step::Advance;
 }
 
-// A directory is entered at the moment its entry is read.
+// What the upload pass would send: a selected file that it can open.
+void ClsScp::LocalWalk::listIfSendable(XString& fullPath, XString& name) {
+    _vqFileDataSource source;
+    ScpFileInfo info;
+    if (!m_scp.openLocalFile(fullPath, name.getUtf8(), source, info, m_log)) {
+        m_log.LogError("Unable to open local file..");
+        return;
+    }
+    info.contructRPath(m_relPathStack, m_log);
+    m_scp.listSyncedFile(info);
+}
+
+// A directory is entered at the moment its entry is read. A link that leads
+// back to a directory of the current path would make the walk endless: it
+// is passed over, in both passes alike.
 ClsScp::LocalWalk::Step ClsScp::LocalWalk::enterDirectory(XString& name) {
-    if (m_log.m_verboseLogging) m_nested.enter("subdir");
     XString dirPath;
     _vqFilePath::CombineDirAndFilename(m_curPath, name, dirPath);
+    DirIdentity id;
+    const bool known = DirIdentity::of(dirPath, id);
+    if (known && std::find(m_onPath.begin(), m_onPath.end(), id) != m_onPath.end()) {
+        m_log.LogInfo("Skipping a link to a directory already on the path.");
+        m_log.LogDataX("path", dirPath);
+        return Step::Advance;
+    }
+    if (m_log.m_verboseLogging) m_nested.enter("subdir");
     m_curPath.copyFromX(dirPath);
     if (m_log.m_verboseLogging) m_log.LogDataX("subDir", m_curPath);
 
@@ -236,10 +280,11 @@ ClsScp::LocalWalk::Step ClsScp::LocalWalk::enterDirectory(XString& name) {
         event("scp-localdir-entered", m_curPath);
         bool permsOk = true;
         unsigned perms = FileSys::getUnixPerms(m_curPath, nullptr, permsOk);
-        if (!waitForGo()) return Step::Failed;
+        if (!awaitTurn()) return Step::Failed;
         if (aborted()) return Step::Failed;
         int ch = static_cast<int>(m_channel);
         if (!m_scp.sendDirInfo(ch, static_cast<int>(perms), name, m_sp, m_log)) return Step::Failed;
+        sentLine(true);
         if (m_sp.m_progressMonitor) m_sp.m_progressMonitor->consumeProgress(100, &m_log);
     }
 
@@ -253,6 +298,7 @@ ClsScp::LocalWalk::Step ClsScp::LocalWalk::enterDirectory(XString& name) {
     }
     if (!m_dirStack.appendObject(sub)) return Step::Failed;
     if (!m_relPathStack.appendString(name.getUtf8())) return Step::Failed;
+    m_onPath.push_back(known ? id : DirIdentity{});
     ++m_numDirs;
     m_current = sub;
     return Step::Read;
@@ -265,7 +311,7 @@ ClsScp::LocalWalk::Step ClsScp::LocalWalk::advance() {
 ClsScp::LocalWalk::Step ClsScp::LocalWalk::leave() {
     m_current->closeDirectory();
     if (uploading()) {
-        if (!waitForGo()) return Step::Failed;
+        if (!awaitTurn()) return Step::Failed;
         if (aborted()) return Step::Failed;
         // The root gets its "E" too, although it had no "D": the remote sink
         // acknowledges it and ends.
@@ -273,6 +319,7 @@ ClsScp::LocalWalk::Step ClsScp::LocalWalk::leave() {
         endLine.appendStr("E\n");
         if (!m_scp.sendScpData(static_cast<int>(m_channel), endLine, m_sp, m_log))
             return Step::Failed;
+        sentLine(false);
     }
     if (m_log.m_verboseLogging) m_nested.leave();
     if (abortedWithMessage()) return Step::Failed;
@@ -285,6 +332,7 @@ ClsScp::LocalWalk::Step ClsScp::LocalWalk::leave() {
     }
     VostrelObject::deleteObject(popped);
     StringBuffer::deleteSb(m_relPathStack.pop());
+    if (!m_onPath.empty()) m_onPath.pop_back();
 
     m_current = static_cast<_vqFileIterator*>(m_dirStack.lastElement());
     if (!m_current) return Step::Finish;
@@ -297,7 +345,8 @@ ClsScp::LocalWalk::Step ClsScp::LocalWalk::leave() {
 bool ClsScp::LocalWalk::finish() {
     if (uploading()) {
         if (m_log.m_verboseLogging) m_log.LogInfo("Waiting for the final response...");
-        return waitForGo();
+        if (m_pipelined) return m_scp.drainAcks(m_channel, m_acks, m_sp, m_log);
+        return m_scp.waitForGo(m_acks.buf, m_acks.out, m_channel, m_sp, m_log);
     }
     if (m_sp.m_progressMonitor) {
         m_log.LogDataInt64("totalByteCount", m_totalBytes);

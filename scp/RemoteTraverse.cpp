@@ -57,7 +57,11 @@ class ClsScp::RemoteWalk {
           m_sp(sp),
           m_log(log),
           m_filters(scp),
-          m_pm(sp.m_progressMonitor) {}
+          m_pm(sp.m_progressMonitor),
+          m_listSelected(bComputeMode && !remoteFiles && scp.hasOption("DryRun")),
+          m_pipelined(scp.hasOption("Pipelined")),
+          m_allZero(m_pipelined && !bComputeMode && !remoteFiles && mode == 0 && recurse &&
+                    m_filters.empty()) {}
 
     bool run();
 
@@ -78,8 +82,15 @@ class ClsScp::RemoteWalk {
     bool refuseUnsafeName(const ScpFileInfo& info);
 
     // One answer on the channel; no SSH object counts as a failed send.
-    bool answer(const char* bytes, size_t numBytes);
-    bool ready() { return answer("", 1); }
+    // One answer on the channel; no SSH object counts as a failed send. The
+    // last answer to a record names the depth after it, so that the answers
+    // the next records are sure to need can go out with it.
+    bool answer(const char* bytes, size_t numBytes, int depthAfter = -1);
+    bool ready(int depthAfter = -1) { return answer("", 1, depthAfter); }
+    int depth() const { return m_dirStack.getSize(); }
+    int aheadTarget(int depthAfter) const;
+    bool readRecord(ScpFileInfo& info);
+    bool sendAhead(int target);
     void announceReady() {
         if (m_log.m_verboseLogging) m_log.LogInfo("Sending 0 ready/continue byte..");
     }
@@ -105,14 +116,71 @@ class ClsScp::RemoteWalk {
     LogBase& m_log;
     NameFilters m_filters;
     ProgressMonitor* const m_pm;
-    ExtPtrArraySb m_dirStack;  // names of the open remote directories, the root's first
+    const bool m_listSelected;  // a dry run: SyncedFiles lists what would be copied
+    ExtPtrArraySb m_dirStack;   // names of the open remote directories, the root's first
+
+    // "Pipelined": inside an open directory the next record is a "T" line or
+    // an "E", both answered with 0x00, so that answer can leave before the
+    // record arrives, once the source has shown that it sends "T" lines.
+    // Where every answer is 0x00 (download, mode 0, no filters, recurse)
+    // the answers of a file run ahead too, within a bounded window and
+    // never beyond what the source is sure to ask for.
+    const bool m_pipelined;
+    const bool m_allZero;
+    bool m_timesShown = false;
+    int m_ahead = 0;  // 0x00 answers sent for records not yet read
+    bool m_refusedRecord = false;
+    static constexpr int kWindow = 16;
 };
 
-bool ClsScp::RemoteWalk::answer(const char* bytes, size_t numBytes) {
+bool ClsScp::RemoteWalk::answer(const char* bytes, size_t numBytes, int depthAfter) {
     if (!m_scp.ssh) return false;
     DataBuffer data;
-    data.append(bytes, numBytes);
+    // A 0x00 already sent ahead answers this record.
+    if (numBytes == 1 && bytes[0] == '\0' && m_ahead > 0) {
+        --m_ahead;
+    } else {
+        data.append(bytes, numBytes);
+    }
+    for (int target = aheadTarget(depthAfter); m_ahead < target; ++m_ahead) data.appendChar('\0');
+    if (data.getSize() == 0) return true;
     return m_scp.sendScpData(static_cast<int>(m_channel), data, m_sp, m_log);
+}
+
+// After a record, with `depthAfter` directories open, the source still owes
+// at least one "E" for each of them; the next record is a "T" or an "E".
+int ClsScp::RemoteWalk::aheadTarget(int depthAfter) const {
+    if (!m_timesShown || depthAfter <= 0) return 0;
+    return std::min(m_allZero ? kWindow : 1, depthAfter);
+}
+
+bool ClsScp::RemoteWalk::sendAhead(int target) {
+    DataBuffer zeros;
+    for (; m_ahead < target; ++m_ahead) zeros.appendChar('\0');
+    return zeros.getSize() == 0 ||
+           (m_scp.ssh && m_scp.sendScpData(static_cast<int>(m_channel), zeros, m_sp, m_log));
+}
+
+// With answers in flight the stream holds records back to back: each line
+// is taken up to its line feed.
+bool ClsScp::RemoteWalk::readRecord(ScpFileInfo& info) {
+    if (!m_pipelined) return m_scp.receiveFileInfo(m_channel, info, m_sp, m_log);
+    RecordRead how;
+    how.framing = Framing::ThroughLineFeed;
+    how.timesAnsweredAhead = m_ahead > 0;
+    if (!m_scp.readRecord(m_channel, info, how, m_sp, m_log)) return false;
+    if (how.sawTimes) {
+        m_timesShown = true;
+        if (how.timesAnsweredAhead) --m_ahead;
+    } else if (how.timesAnsweredAhead && !info.isEndOfDir) {
+        // The source would take the 0x00 sent for a "T" line as this
+        // record's answer: a file the selection might skip would come.
+        m_log.LogError("A record came without the times line that was answered ahead.");
+        m_scp.abortRemainder(m_channel, m_sp, m_log);
+        m_refusedRecord = true;
+        return false;
+    }
+    return true;
 }
 
 bool ClsScp::RemoteWalk::run() {
@@ -133,7 +201,8 @@ bool ClsScp::RemoteWalk::run() {
 ClsScp::RemoteWalk::Next ClsScp::RemoteWalk::nextRecord() {
     ScpFileInfo info;
     if (aborted()) return Next::Failed;
-    if (!m_scp.receiveFileInfo(m_channel, info, m_sp, m_log)) {
+    if (!readRecord(info)) {
+        if (m_refusedRecord) return Next::Failed;
         // A failed read after the remote program has finished is the end of
         // the stream, not an error.
         if (m_sp.m_receivedEof ||
@@ -145,6 +214,10 @@ ClsScp::RemoteWalk::Next ClsScp::RemoteWalk::nextRecord() {
     if (aborted()) return Next::Failed;
     if (info.isEndOfDir) return endOfDirectory();
     if (!refuseUnsafeName(info)) return Next::Failed;
+    // Every answer is 0x00: this record's, a file's data answer, and one for
+    // the record after it, as long as the directories still open will ask.
+    if (m_allZero && m_timesShown && !sendAhead(std::min(kWindow, depth() + 2)))
+        return Next::Failed;
 
     XString name;
     name.setFromSbUtf8(info.filename);
@@ -179,7 +252,7 @@ ClsScp::RemoteWalk::Next ClsScp::RemoteWalk::endOfDirectory() {
     if (m_log.m_verboseLogging) m_log.LogDataSb("exitDir", *left);
     StringBuffer::deleteSb(left);
     announceReady();
-    if (!ready()) return failAt(2);
+    if (!ready(depth())) return failAt(2);
     if (aborted()) return Next::Failed;
     return continueUnlessRootClosed();
 }
@@ -212,7 +285,7 @@ ClsScp::RemoteWalk::Next ClsScp::RemoteWalk::enterDirectory(ScpFileInfo& info) {
         }
     }
     announceReady();
-    if (!ready()) return failAt(14);
+    if (!ready(depth())) return failAt(14);
     if (aborted()) return failAt(15);
     return Next::Continue;
 }
@@ -224,7 +297,7 @@ ClsScp::RemoteWalk::Next ClsScp::RemoteWalk::skipDirectory() {
         m_log.LogInfo("Skipping this directory: sending 1 skip-data byte..");
     if (!answer("\x01", 1)) return Next::Failed;
     if (aborted()) return failAt(18);
-    if (!answer("skip\n", 5)) return failAt(19);
+    if (!answer("skip\n", 5, depth() - 1)) return failAt(19);
     if (aborted()) return failAt(20);
     StringBuffer::deleteSb(m_dirStack.pop());
     return Next::Continue;
@@ -252,7 +325,10 @@ ClsScp::RemoteWalk::Next ClsScp::RemoteWalk::file(ScpFileInfo& info, bool skip) 
     if (m_log.m_verboseLogging) m_log.LogInfo("This file will be downloaded...");
     totalByteCount = addSaturating(totalByteCount, info.fileSize);
     // Counted, but the data never cross in the compute pass.
-    if (m_computeMode) return skipFile();
+    if (m_computeMode) {
+        if (m_listSelected) m_scp.listSyncedFile(info);
+        return skipFile();
+    }
     return downloadFile(info, localPath);
 }
 
@@ -265,11 +341,10 @@ ClsScp::RemoteWalk::Next ClsScp::RemoteWalk::downloadFile(ScpFileInfo& info, XSt
         m_scp.abortRemainder(m_channel, m_sp, m_log);
         return Next::Failed;
     }
-    m_scp.syncedFiles.append(info.rFilePath);
-    m_scp.syncedFiles.appendLineEnding();
+    m_scp.listSyncedFile(info);
     if (m_pm) m_pm->progressInfo("scp-localfile-created", localPath.getUtf8());
     announceReady();
-    if (!ready()) return failAt(23);
+    if (!ready(depth())) return failAt(23);
     if (aborted()) return failAt(24);
     return continueUnlessRootClosed();
 }
@@ -279,7 +354,7 @@ ClsScp::RemoteWalk::Next ClsScp::RemoteWalk::skipFile() {
     if (m_log.m_verboseLogging) m_log.LogInfo("Sending 1 skip-data byte..");
     if (!answer("\x01", 1)) return failAt(25);
     if (aborted()) return Next::Failed;
-    if (!answer("skip\n", 5)) return failAt(26);
+    if (!answer("skip\n", 5, depth())) return failAt(26);
     if (aborted()) return Next::Failed;
     return continueUnlessRootClosed();
 }

@@ -2,6 +2,8 @@
 // split of an upload's remote path.
 #pragma once
 
+#include <scpkit/base/DataBuffer.h>
+#include <scpkit/base/Output.h>
 #include <scpkit/scp/ClsScp.h>
 
 namespace scpkit {
@@ -29,6 +31,17 @@ class ClsScp::ScpChannel {
     friend class ClsScp;
     ClsSsh* m_ssh;
     int m_id = -1;
+};
+
+// The answers a remote sink still owes, read in order. A sink that cannot
+// make a directory stays where it was, so after a "D" nothing more goes out
+// until its answer has been read.
+struct ClsScp::PendingAcks {
+    explicit PendingAcks(int initiallyOwed) : owed(initiallyOwed) {}
+    int owed;
+    bool drainFirst = false;
+    DataBuffer buf;
+    OutputDataBuffer out{&buf};
 };
 
 // Splits an upload's remote path in place: `filename` receives the final

@@ -7,6 +7,7 @@
 #include <scpkit/base/Logger.h>
 #include <scpkit/base/Output.h>
 #include <scpkit/scp/ClsScp.h>
+#include <scpkit/scp/ScpCommand.h>
 #include <scpkit/scp/ScpFileInfo.h>
 #include <scpkit/ssh/ClsSsh.h>
 
@@ -120,6 +121,47 @@ bool ClsScp::sendFile(int channel, _vqDataSource& source, bool /*unused*/, ScpFi
         log.LogError("Failed to send the final 0 byte.");
         return false;
     }
+    return true;
+}
+
+bool ClsScp::drainAcks(unsigned channel, PendingAcks& acks, SocketParams& sp, LogBase& log) {
+    for (; acks.owed > 0; --acks.owed) {
+        if (!readAck(acks.buf, acks.out, channel, Framing::ThroughLineFeed, sp, log)) return false;
+    }
+    acks.drainFirst = false;
+    return true;
+}
+
+bool ClsScp::sendFileAhead(int channel, _vqDataSource& source, ScpFileInfo& info, PendingAcks& acks,
+                           SocketParams& sp, LogBase& log) {
+    LogContextExitor ctx(log, "sendFile");
+    if (!ssh) return false;
+    unsigned ch = static_cast<unsigned>(channel);
+    if (acks.drainFirst && !drainAcks(ch, acks, sp, log)) return false;
+
+    if (log.m_verboseLogging) log.LogInfo("Sending file times...");
+    if (!sendFileTimes(channel, info, sp, log)) return false;
+    ++acks.owed;
+    if (log.m_verboseLogging) log.LogInfo("Sending file info...");
+    if (!sendFileInfo(channel, info, sp, log)) return false;
+    ++acks.owed;
+    // A sink that cannot create the file reads no data: it would take the
+    // bytes for records.
+    if (log.m_verboseLogging) log.LogInfo("Waiting for the next ready response...");
+    if (!drainAcks(ch, acks, sp, log)) return false;
+
+    if (log.m_verboseLogging) log.LogInfo("Sending file data...");
+    bool sent;
+    {
+        QuietLog quiet(log);
+        sent = ssh->channelSendNFromSource(channel, source, info.fileSize, sp, log);
+    }
+    if (!sent) return false;
+    if (!sendByte(ch, '\0', sp, log)) {
+        log.LogError("Failed to send the final 0 byte.");
+        return false;
+    }
+    ++acks.owed;
     return true;
 }
 

@@ -152,7 +152,12 @@ bool ClsScp::uploadSession(_vqDataSource& source, ScpFileInfo& info, const Uploa
     if (!startRemoteScp(channel, "scp -t ", argument, quotingFor(target.remoteDir), sp, log))
         return false;
 
-    if (!sendFile(channel.id(), source, false, info, sp, log)) {
+    // "Pipelined": the T and C lines go out at once, before the ready byte
+    // has been read; the data only once all three answers are in.
+    const bool pipelined = hasOption("Pipelined");
+    PendingAcks acks(1);
+    if (pipelined ? !sendFileAhead(channel.id(), source, info, acks, sp, log)
+                  : !sendFile(channel.id(), source, false, info, sp, log)) {
         if (sp.m_progressMonitor) sp.m_progressMonitor->consumeRemaining(&log);
         if (logOutcome) logSuccessFailure(false);
         return false;
@@ -160,9 +165,9 @@ bool ClsScp::uploadSession(_vqDataSource& source, ScpFileInfo& info, const Uploa
 
     // The final acknowledgement and the CLOSE log no outcome of their own.
     if (log.m_verboseLogging) log.LogInfo("Waiting for the final response...");
-    DataBuffer ack;
-    OutputDataBuffer ackOut(&ack);
-    if (!waitForGo(ack, ackOut, channel.number(), sp, log)) return false;
+    if (pipelined ? !drainAcks(channel.number(), acks, sp, log)
+                  : !waitForGo(acks.buf, acks.out, channel.number(), sp, log))
+        return false;
     if (!ssh->channelSendClose(channel.id(), sp, log)) return false;
     bool result = awaitChannelClose(*ssh, channel.id(), sp, log);
 

@@ -136,6 +136,11 @@ bool ClsScp::skipFromMustMatch(XString& name, ExtPtrArraySb& mustMatch, ExtPtrAr
     return false;
 }
 
+void ClsScp::listSyncedFile(const ScpFileInfo& info) {
+    syncedFiles.append(info.rFilePath);
+    syncedFiles.appendLineEnding();
+}
+
 ClsScp::NameFilters::NameFilters(const ClsScp& scp) {
     scp.syncMustMatch.getUtf8Sb().splitAndTrim(mustMatch, ';', true, true);
     scp.syncMustNotMatch.getUtf8Sb().splitAndTrim(mustNotMatch, ';', true, true);

@@ -24,9 +24,19 @@ bool ClsScp::SyncTreeDownload(XString& remoteDirRoot, XString& localDirRoot, int
     m_log.LogDataX("localDirRoot", localDirRoot);
     m_log.LogDataLong("mode", mode);
 
+    // "DryRun": one walk that decides everything and fetches nothing; the
+    // files a real run would copy end up in SyncedFiles.
+    if (hasOption("DryRun")) {
+        bool ok =
+            doRemoteTraverse(true, remoteDirRoot, localDirRoot, mode, recurse, nullptr, sp, m_log);
+        if (pm) pm->consumeRemaining(&m_log);
+        logSuccessFailure(ok);
+        return ok;
+    }
+
     // A first walk only sizes the work for the progress callback, so it is
-    // skipped when nobody listens.
-    if (pm &&
+    // skipped when nobody listens, or when asked to ("NoSizingPass").
+    if (pm && !hasOption("NoSizingPass") &&
         !doRemoteTraverse(true, remoteDirRoot, localDirRoot, mode, recurse, nullptr, sp, m_log)) {
         m_log.LogError("Failed to get total size of what needs to be downloaded.");
         logSuccessFailure(false);

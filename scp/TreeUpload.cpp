@@ -47,8 +47,11 @@ bool ClsScp::SyncTreeUpload(XString& localDirRoot, XString& remoteDirRoot, int m
         }
     }
 
-    // Sizing the work is only worth a walk when someone watches the progress.
-    if (pm) {
+    // Sizing the work is only worth a walk when someone watches the progress
+    // and has not declined it ("NoSizingPass"). With "DryRun" the same walk
+    // is the whole call: it lists what would be sent and sends nothing.
+    const bool dryRun = hasOption("DryRun");
+    if (dryRun || (pm && !hasOption("NoSizingPass"))) {
         if (!doLocalTraverse(true, 0, localDirRoot, remoteDirRoot, mode, recurse, remoteFiles, sp,
                              m_log)) {
             m_log.LogError("local traverse to compute total cost failed.");
@@ -61,13 +64,15 @@ bool ClsScp::SyncTreeUpload(XString& localDirRoot, XString& remoteDirRoot, int m
         }
     }
 
-    if (!recursiveUpload(localDirRoot, remoteDirRoot, mode, recurse, remoteFiles, sp, m_log)) {
-        logSuccessFailure(false);
-        return false;
-    }
-    if (sp.spAbortCheck(m_log)) {
-        logSuccessFailure(false);
-        return false;
+    if (!dryRun) {
+        if (!recursiveUpload(localDirRoot, remoteDirRoot, mode, recurse, remoteFiles, sp, m_log)) {
+            logSuccessFailure(false);
+            return false;
+        }
+        if (sp.spAbortCheck(m_log)) {
+            logSuccessFailure(false);
+            return false;
+        }
     }
 
     if (pm) pm->consumeRemaining(&m_log);

@@ -15,20 +15,13 @@
 
 #include "tests/support/ChildProcess.h"
 #include "tests/support/SshdFixture.h"
-#include "tests/support/TreeFiles.h"
+#include "tests/support/TestKit.h"
 
 namespace scpkit::test {
 namespace {
 
 using Args = std::vector<std::string>;
 const std::string kProgram = SCPKIT_CLI_PATH;
-
-std::string randomBytes(size_t n, unsigned seed) {
-    std::mt19937 gen(seed);
-    std::string s(n, '\0');
-    for (char& c : s) c = static_cast<char>(gen());
-    return s;
-}
 
 // What a run printed, when it succeeded without a word on standard error
 // (not a terminal, so no progress bar either); else why it did not.
@@ -162,6 +155,10 @@ TEST_F(CliTest, PushAndPullListExactlyTheFilesTheyCopied) {
     EXPECT_EQ(snapshotTree(local + "/pulled"), snapshotTree(dst));
     EXPECT_EQ(outputOf(scpkit("pull --mode missing R/tree L/pulled")), "");
     EXPECT_EQ(outputOf(scpkit("-q pull R/tree L/quiet")), "");
+    // A dry run lists what a real one would copy, and copies and makes nothing.
+    for (const char* dry : {"-n pull R/tree L/dry", "-n push --mode newer L/src R/none"})
+        EXPECT_EQ(sortedLines(outputOf(scpkit(dry))), all) << dry;
+    EXPECT_FALSE(pathExists(local + "/dry") || pathExists(rdir + "/none"));
 
     // Repeated filter options add up; each reaches its own property.
     const std::pair<std::string, Args> filters[] = {
@@ -351,15 +348,15 @@ TEST_F(CliTest, ProgressBarOnlyOnATerminalOrWhenAsked) {
 // A server that shows what the remote scp received: its environment, and
 // where a bare file name lands.
 TEST(CliRemoteScp, EnvAndFilenameOnlyReachTheRemoteScp) {
-    TreeDir root;
+    ScratchDir root;
     chmod(root.path().c_str(), 0755);
-    std::string landing = root.sub("landing/");
-    writeFile(root.sub("wrap"),
-              "#!/bin/sh\nprintf '%s|%s\\n' \"$SCPKIT_A\" \"$SCPKIT_B\" >>" + root.sub("env.log") +
+    std::string landing = root.file("landing/");
+    writeFile(root.file("wrap"),
+              "#!/bin/sh\nprintf '%s|%s\\n' \"$SCPKIT_A\" \"$SCPKIT_B\" >>" + root.file("env.log") +
                   "\ncd " + landing + " && exec /bin/sh -c \"$SSH_ORIGINAL_COMMAND\"\n",
               -1, 0755);
     writeFile(landing + "file.txt", "payload");
-    SshdFixture sshd({"AcceptEnv SCPKIT_*\nForceCommand " + root.sub("wrap") + "\n"});
+    SshdFixture sshd({"AcceptEnv SCPKIT_*\nForceCommand " + root.file("wrap") + "\n"});
     if (!sshd.ok()) GTEST_SKIP() << "no sshd: " << sshd.error();
     auto run = [&](Args args, const std::string& target) {
         Args all =
@@ -371,7 +368,7 @@ TEST(CliRemoteScp, EnvAndFilenameOnlyReachTheRemoteScp) {
     };
     const std::string value = "two words \"quoted\" a\\b\ttab caf\xc3\xa9";
     EXPECT_EQ(run({"--env", "SCPKIT_A=hi", "--env", "SCPKIT_B=" + value}, landing + "1"), "");
-    EXPECT_EQ(readFile(root.sub("env.log")), "hi|" + value + "\n");
+    EXPECT_EQ(readFile(root.file("env.log")), "hi|" + value + "\n");
     // Only the name goes to the remote scp: the file lands where it runs.
     EXPECT_EQ(run({"--filename-only"}, "/nonexistent/dir/3"), "");
     EXPECT_EQ(readFile(landing + "3"), "payload");

@@ -1,18 +1,23 @@
-// Tree synchronisation against the loopback OpenSSH sshd and its real scp:
-// a round trip, the modes on edited trees, the filters, a missing root, an
-// abort mid-tree, and a hostile remote scp that aims outside the target.
+// Tree synchronisation and the liveness of every transfer against the
+// loopback OpenSSH sshd and its real scp: round trips with and without
+// answers in flight, the filters, linked directories, entries that cannot
+// be read, aborts at every named event, and remote programs that die.
 #include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
 
-#include <array>
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <functional>
 #include <string>
 #include <vector>
 
-#include <scpkit/base/Progress.h>
-#include <scpkit/base/XString.h>
-#include <scpkit/scp/ClsScp.h>
-#include <scpkit/ssh/ClsSsh.h>
+#include <scpkit/base/DataBuffer.h>
 #include "tests/support/SshdFixture.h"
-#include "tests/support/TreeFiles.h"
+#include "tests/support/TestKit.h"
 
 namespace scpkit::test {
 namespace {
@@ -20,44 +25,26 @@ namespace {
 constexpr int64_t kOld = 1600000000;
 using Files = std::vector<std::string>;
 
-// A client logged in to an sshd; sync() copies the tree `from` onto `to`.
-struct Client {
-    ClsSsh ssh;
-    ClsScp scp;
-    bool connected;
-    explicit Client(SshdFixture& sshd) : connected(sshd.connectAndLogin(ssh)) { scp.UseSsh(ssh); }
-    bool sync(bool upload, const std::string& from, const std::string& to, int mode,
-              bool recurse = true, ProgressEvent* progress = nullptr) {
-        XString f(from.c_str()), t(to.c_str());
-        return upload ? scp.SyncTreeUpload(f, t, mode, recurse, progress)
-                      : scp.SyncTreeDownload(f, t, mode, recurse, progress);
-    }
-    Files synced() {
-        XString text;
-        scp.get_SyncedFiles(text);
-        return sortedLines(text.getUtf8());
-    }
-    void filters(const std::array<std::string, 4>& f) {
-        XString must(f[0].c_str()), mustNot(f[1].c_str()), dir(f[2].c_str()), notDir(f[3].c_str());
-        scp.put_SyncMustMatch(must);
-        scp.put_SyncMustNotMatch(mustNot);
-        scp.put_SyncMustMatchDir(dir);
-        scp.put_SyncMustNotMatchDir(notDir);
-    }
-};
+bool sync(ClsScp& scp, bool upload, const std::string& from, const std::string& to, int mode,
+          bool recurse = true, ProgressEvent* progress = nullptr) {
+    XString f(from.c_str()), t(to.c_str());
+    return upload ? scp.SyncTreeUpload(f, t, mode, recurse, progress)
+                  : scp.SyncTreeDownload(f, t, mode, recurse, progress);
+}
 
 class ScpTreeTest : public ::testing::Test {
   protected:
     void SetUp() override {
         if (!SshdFixture::shared().ok()) GTEST_SKIP() << SshdFixture::shared().error();
-        ASSERT_TRUE(c.connected) << lastErrorText(c.ssh);
+        ASSERT_TRUE(rig.connected) << lastErrorText(rig.ssh);
     }
-    Client c{SshdFixture::shared()};
+    void settings(const ScpSettings& s) { s.applyTo(rig.scp); }
+    SshRig rig;
     ScratchDir dir;
 };
 
-TEST_F(ScpTreeTest, RoundTripGivesTheSameTreeAndRerunsCopyNothing) {
-    const std::string src = dir.file("src"), remote = dir.file("remote"), dst = dir.file("dst");
+TEST_F(ScpTreeTest, RoundTripsGiveTheSameTreeAndRerunsCopyNothing) {
+    const std::string src = dir.file("src");
     makeDir(src + "/empty");
     makeDir(src + "/a/b/c/deep empty", 0700);
     writeFile(src + "/a/b/c/leaf.bin", std::string("\0\x01\x02\xff", 4), kOld + 2, 0640);
@@ -66,57 +53,28 @@ TEST_F(ScpTreeTest, RoundTripGivesTheSameTreeAndRerunsCopyNothing) {
     writeFile(src + "/zero", "", kOld + 5);
     for (int i = 0; i < 100; ++i)
         writeFile(src + "/many/d" + std::to_string(i % 10) + "/f" + std::to_string(i),
-                  std::string(i * 37, char('a' + i % 26)), kOld + i);
-    makeDir(remote);
-    makeDir(dst);
+                  randomBytes(i * 37, i), kOld + i);
     const TreeSnapshot original = snapshotTree(src);
-
-    ASSERT_TRUE(c.sync(true, src, remote, 0)) << lastErrorText(c.scp);
-    EXPECT_EQ(c.synced(), listTree(src, true));
-    EXPECT_EQ(snapshotTree(remote), original);
-    ASSERT_TRUE(c.sync(false, remote, dst, 0)) << lastErrorText(c.scp);
-    EXPECT_EQ(c.synced(), listTree(src, true));
-    EXPECT_EQ(snapshotTree(dst), original);
-    for (int mode : {1, 2, 5, 6}) {
-        EXPECT_TRUE(c.sync(true, src, remote, mode)) << lastErrorText(c.scp);
-        EXPECT_EQ(c.synced(), Files{}) << "upload mode " << mode;
-        EXPECT_TRUE(c.sync(false, remote, dst, mode)) << lastErrorText(c.scp);
-        EXPECT_EQ(c.synced(), Files{}) << "download mode " << mode;
-    }
-    EXPECT_EQ(snapshotTree(dst), original);
-}
-
-TEST_F(ScpTreeTest, EditedFilesAreCopiedExactlyAsTheModeSays) {
-    const struct {
-        bool upload;
-        int mode;
-        Files expected;
-    } cases[] = {
-        {true, 2, {"sub/added.txt", "touched.txt"}},
-        {true, 4, {"resized.txt", "sub/added.txt", "sub/sizeolder.txt"}},
-        {true, 5, {"resized.txt", "sub/added.txt", "sub/sizeolder.txt", "touched.txt"}},
-        {false, 3, {"touched.txt"}},
-        {false, 5, {"resized.txt", "sub/added.txt", "sub/sizeolder.txt"}},
-        {false, 6, {"resized.txt", "sub/added.txt", "sub/sizeolder.txt", "touched.txt"}},
-    };
-    for (const auto& k : cases) {
-        SCOPED_TRACE((k.upload ? "upload mode " : "download mode ") + std::to_string(k.mode));
-        // Two equal trees; then one of them, the source of the copy, is edited.
+    for (const char* options : {"", "Pipelined"}) {
+        SCOPED_TRACE(options);
+        settings({{}, options});
         ScratchDir pair;
-        const std::string edited = pair.file("edited"), other = pair.file("other");
-        for (const std::string& root : {edited, other})
-            for (const char* f :
-                 {"same.txt", "touched.txt", "resized.txt", "sub/older.txt", "sub/sizeolder.txt"})
-                writeFile(root + "/" + f, f, kOld);
-        writeFile(edited + "/touched.txt", "touched.txt", kOld + 500);  // newer
-        writeFile(edited + "/resized.txt", "resized.txt+", kOld);       // other size
-        writeFile(edited + "/sub/older.txt", "sub/older.txt", kOld - 500);
-        writeFile(edited + "/sub/sizeolder.txt", "sub/sizeolder.txt!", kOld - 500);
-        writeFile(edited + "/sub/added.txt", "added", kOld);
-        ASSERT_TRUE(c.sync(k.upload, edited, other, k.mode)) << lastErrorText(c.scp);
-        EXPECT_EQ(c.synced(), k.expected);
-        const TreeSnapshot want = snapshotTree(edited), got = snapshotTree(other);
-        for (const std::string& f : k.expected) EXPECT_EQ(got.at(f), want.at(f)) << f;
+        const std::string remote = pair.file("remote"), dst = pair.file("dst");
+        makeDir(remote);
+        makeDir(dst);
+        ASSERT_TRUE(sync(rig.scp, true, src, remote, 0)) << lastErrorText(rig.scp);
+        EXPECT_EQ(syncedFiles(rig.scp), listTree(src, true));
+        EXPECT_EQ(snapshotTree(remote), original);
+        ASSERT_TRUE(sync(rig.scp, false, remote, dst, 0)) << lastErrorText(rig.scp);
+        EXPECT_EQ(syncedFiles(rig.scp), listTree(src, true));
+        EXPECT_EQ(snapshotTree(dst), original);
+        for (int mode : {1, 2, 5, 6}) {
+            EXPECT_TRUE(sync(rig.scp, true, src, remote, mode)) << lastErrorText(rig.scp);
+            EXPECT_EQ(syncedFiles(rig.scp), Files{}) << "upload mode " << mode;
+            EXPECT_TRUE(sync(rig.scp, false, remote, dst, mode)) << lastErrorText(rig.scp);
+            EXPECT_EQ(syncedFiles(rig.scp), Files{}) << "download mode " << mode;
+        }
+        EXPECT_EQ(snapshotTree(dst), original);
     }
 }
 
@@ -142,10 +100,10 @@ TEST_F(ScpTreeTest, FiltersAndRecurseChooseWhatIsCopied) {
                  {"a.txt", "b.log", "keep/c.txt", "keep/d.log", "skip/e.txt", "skip/f.log"})
                 writeFile(pair.file("from/") + f, f, kOld);
             makeDir(pair.file("to"));
-            c.filters(k.filters);
-            ASSERT_TRUE(c.sync(upload, pair.file("from"), pair.file("to"), 0, k.recurse))
-                << lastErrorText(c.scp);
-            EXPECT_EQ(c.synced(), k.expected);
+            settings({k.filters, "Pipelined"});
+            ASSERT_TRUE(sync(rig.scp, upload, pair.file("from"), pair.file("to"), 0, k.recurse))
+                << lastErrorText(rig.scp);
+            EXPECT_EQ(syncedFiles(rig.scp), k.expected);
             EXPECT_EQ(listTree(pair.file("to"), true), k.expected);
         }
     }
@@ -153,78 +111,173 @@ TEST_F(ScpTreeTest, FiltersAndRecurseChooseWhatIsCopied) {
 
 TEST_F(ScpTreeTest, MissingRemoteRootWritesNothing) {
     ProgressEvent progress;
-    EXPECT_FALSE(c.sync(false, dir.file("no such dir"), dir.file("local"), 0, true, &progress));
-    expectLog(lastErrorText(c.scp), {"No such file or directory",
-                                     "Failed to get total size of what needs to be downloaded."});
+    EXPECT_FALSE(
+        sync(rig.scp, false, dir.file("no such dir"), dir.file("local"), 0, true, &progress));
+    expectLog(lastErrorText(rig.scp), {"No such file or directory",
+                                       "Failed to get total size of what needs to be downloaded."});
     EXPECT_FALSE(pathExists(dir.file("local")));
-    EXPECT_EQ(c.synced(), Files{});
+    EXPECT_EQ(syncedFiles(rig.scp), Files{});
 }
 
-// Asks to abort once `limit` files have been written.
-struct AbortAfterFiles : ProgressEvent {
-    size_t files = 0, limit = 5;
-    void OnNamedEvent(const char* name, const char*) override {
-        files += std::string(name) == "scp-localfile-created" ||
-                 std::string(name) == "scp-localfile-uploaded";
-    }
-    void OnPercent(int, bool& abort) override { abort = files >= limit; }
-};
-
-TEST_F(ScpTreeTest, AbortStopsMidTreeAndTheNextTransferWorks) {
-    const std::string src = dir.file("src"), remote = dir.file("remote"), dst = dir.file("dst");
-    for (int i = 0; i < 40; ++i)
-        writeFile(src + "/d" + std::to_string(i % 4) + "/f" + std::to_string(i),
-                  std::string(2000, 'x'), kOld);
+// Links to directories are followed as scp -r does, once per real directory
+// on the current path; entries that cannot be opened are passed over. The
+// sizing pass counts exactly what the upload sends.
+TEST_F(ScpTreeTest, UploadFollowsDirectoryLinksAndPassesOverWhatCannotBeRead) {
+    const std::string src = dir.file("src"), remote = dir.file("remote");
+    writeFile(dir.file("elsewhere/far.txt"), "far", kOld);
+    writeFile(src + "/a.txt", "alpha", kOld);
+    writeFile(src + "/sub/b.txt", "beta", kOld);
     makeDir(remote);
-    makeDir(dst);
-    for (bool upload : {true, false}) {
-        AbortAfterFiles abort;
-        EXPECT_FALSE(upload ? c.sync(true, src, remote, 0, true, &abort)
-                            : c.sync(false, remote, dst, 0, true, &abort));
-        EXPECT_GE(c.synced().size(), 5u);
-        EXPECT_LT(c.synced().size(), 40u);
-        // The same connection runs the next transfer to its end.
-        ASSERT_TRUE(upload ? c.sync(true, src, remote, 0) : c.sync(false, remote, dst, 0))
-            << lastErrorText(c.scp);
+    namespace fs = std::filesystem;
+    fs::create_symlink("../elsewhere", src + "/linked");  // followed
+    fs::create_symlink("..", src + "/sub/up");            // back to src: passed over
+    fs::create_symlink("gone", src + "/sub/dangling");
+    fs::create_symlink("loop", src + "/sub/loop");
+    ASSERT_EQ(::mkfifo((src + "/fifo").c_str(), 0644), 0);
+    const int sock = ::socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    std::strncpy(addr.sun_path, (src + "/sub/socket").c_str(), sizeof addr.sun_path - 1);
+    ASSERT_EQ(::bind(sock, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
+    ::close(sock);
+    for (const char* options : {"", "Pipelined"}) {
+        SCOPED_TRACE(options);
+        settings({{}, options});
+        ProgressLog events;
+        ASSERT_TRUE(sync(rig.scp, true, src, remote, 0, true, &events)) << lastErrorText(rig.scp);
+        const Files sent = {"a.txt", "linked/far.txt", "sub/b.txt"};
+        EXPECT_EQ(syncedFiles(rig.scp), sent);
+        EXPECT_EQ(listTree(remote),
+                  (Files{"a.txt", "linked", "linked/far.txt", "sub", "sub/b.txt"}));
+        EXPECT_EQ(events.count("scp-localfile-cannot-open"), 4u);
+        expectLog(lastErrorText(rig.scp), {"totalByteCount: 12", "totalNumDirs: 2",
+                                           "Skipping a link to a directory already on the path."});
     }
-    EXPECT_EQ(snapshotTree(dst), snapshotTree(src));
 }
 
-// A remote "scp" that plays a source of its own, whatever it is asked; the
-// requested path picks the scenario.
-const char* const kHostileScp = R"(#!/bin/sh
-ack() { dd bs=1 count=1 of=/dev/null 2>/dev/null; }
-case "$SSH_ORIGINAL_COMMAND" in
-*dotdot-file*) name='../evil' ;;
-*absolute*) name="$EVIL_DIR/evil" ;;
-*dotdot-dir*)
-    ack; printf 'D0755 0 x\n'; ack; printf 'D0755 0 ..\n'; ack; printf 'C0644 3 evil\n'
-    ack; printf 'bad\0'; ack; printf 'E\nE\n'; ack; exit 0 ;;
-*) exit 1 ;;
-esac
-ack; printf 'D0755 0 x\n'; ack; printf 'C0644 3 %s\n' "$name"; ack; printf 'bad\0'
-ack; printf 'E\n'; ack
-)";
+// The application aborts from its progress callback at each named event and
+// at a point of each long transfer: the call returns false, what it reported
+// as done is complete, a failed download leaves no file, and the same
+// connection runs the next transfer.
+TEST_F(ScpTreeTest, AbortsAtEveryNamedEventAndMidTransfer) {
+    enum Op { Up, Down, UpBinary, DownBinary, TreeUp, TreeDown };
+    const struct {
+        Op op;
+        const char* event;  // empty: at 10 %
+        const char* options;
+    } rows[] = {
+        {TreeDown, "scp-localdir-created", ""},
+        {TreeDown, "scp-begin-download", "Pipelined"},
+        {TreeDown, "scp-localfile-created", ""},
+        {TreeUp, "scp-localdir-entered", ""},
+        {TreeUp, "scp-localfile-uploaded", "Pipelined"},
+        {TreeUp, "scp-localfile-cannot-open", ""},
+        {TreeUp, "scp-localdir-leaving", ""},
+        {Up, "", ""},
+        {Down, "", ""},
+        {UpBinary, "", "Pipelined"},
+        {DownBinary, "", ""},
+        {TreeUp, "", ""},
+        {TreeDown, "", "Pipelined"},
+    };
+    const std::string big = randomBytes(longTests() ? 64u << 20 : 8u << 20, 11);
+    writeFile(dir.file("single.bin"), big);
+    for (const char* d : {"", "a/", "a/b/", "c/"})
+        for (int i = 0; i < 3; ++i)
+            writeFile(dir.file("tree/") + d + "f" + std::to_string(i), randomBytes(256 << 10, i));
+    // An entry that cannot be read ends a download (the remote scp answers it
+    // with an error line), so only the upload's tree has one.
+    std::filesystem::copy(dir.file("tree"), dir.file("uptree"),
+                          std::filesystem::copy_options::recursive);
+    std::filesystem::create_symlink("missing", dir.file("uptree/a/dangling"));
+    rig.scp.put_PollIntervalMs(1);
+    int round = 0;
+    for (const auto& row : rows) {
+        SCOPED_TRACE(std::to_string(row.op) + " " + row.event + " " + row.options);
+        settings({{}, row.options});
+        ProgressLog cue;
+        cue.abortAtEvent = row.event;
+        cue.abortAtPercent = *row.event ? -1 : 10;
+        const std::string target = dir.file("out" + std::to_string(++round));
+        if (row.op == TreeUp) makeDir(target);
+        XString source(
+            dir.file(row.op == TreeUp || row.op == TreeDown ? "tree" : "single.bin").c_str());
+        XString dest(target.c_str());
+        DataBuffer bytes;
+        bytes.append(big.data(), big.size());
+        bool ok = true;
+        switch (row.op) {
+            case Up:
+                ok = rig.scp.UploadFile(source, dest, &cue);
+                break;
+            case Down:
+                ok = rig.scp.DownloadFile(source, dest, &cue);
+                break;
+            case UpBinary:
+                ok = rig.scp.UploadBinary(dest, bytes, &cue);
+                break;
+            case DownBinary:
+                ok = rig.scp.DownloadBinary(source, bytes, &cue);
+                break;
+            case TreeUp:
+                ok = sync(rig.scp, true, dir.file("uptree"), target, 0, true, &cue);
+                break;
+            case TreeDown:
+                ok = sync(rig.scp, false, dir.file("tree"), target, 0, true, &cue);
+                break;
+        }
+        EXPECT_TRUE(cue.fired) << "the trigger never came";
+        EXPECT_FALSE(ok);
+        expectLog(lastErrorText(rig.scp), {"abort"});
+        if (row.op == Down) {
+            EXPECT_FALSE(pathExists(target));
+        }
+        const std::string got(reinterpret_cast<const char*>(bytes.getData2()), bytes.getSize());
+        if (row.op == DownBinary) {
+            EXPECT_EQ(big.compare(0, got.size(), got), 0);  // the start of the file, nothing else
+        }
+        // What SyncedFiles lists is complete; an uploaded file may still be
+        // in the remote scp's hands when the aborted call returns.
+        for (const std::string& rel : row.op >= TreeUp ? syncedFiles(rig.scp) : Files{}) {
+            std::string want = readFile(dir.file("tree/" + rel)), got;
+            for (int i = 0; i < 250 && (got = readFile(target + "/" + rel)) != want; ++i)
+                ::usleep(20000);
+            EXPECT_TRUE(got == want) << rel;
+        }
+        XString again(dir.file("after").c_str());
+        DataBuffer small;
+        small.appendStr("after");
+        ASSERT_TRUE(rig.scp.UploadBinary(again, small)) << lastErrorText(rig.scp);
+        EXPECT_EQ(readFile(dir.file("after")), "after");
+    }
+}
 
-TEST(ScpTreeHostileTest, RemoteScpCannotWriteOutsideTheRoot) {
-    ScratchDir scripts;
-    writeFile(scripts.file("hostile-scp"), kHostileScp, -1, 0755);
+// A remote scp that dies mid-transfer, over an sshd whose sessions run the
+// fake scp: the call fails at once and a download leaves no file.
+TEST(ScpFakeServerTest, DyingRemoteScpFailsPromptlyAndLeavesNoFile) {
+    ScratchDir dir;
     SshdOptions options;
-    options.extraConfig =
-        "ForceCommand " + scripts.file("hostile-scp") + "\nSetEnv EVIL_DIR=" + scripts.path();
+    options.extraConfig = "ForceCommand " + installFakeScp(dir.path()) + "\nAcceptEnv SCPKIT_*\n";
     SshdFixture sshd(options);
     if (!sshd.ok()) GTEST_SKIP() << sshd.error();
-    Client c(sshd);
-    ASSERT_TRUE(c.connected) << lastErrorText(c.ssh);
-    for (const char* scenario : {"dotdot-file", "dotdot-dir", "absolute"}) {
-        SCOPED_TRACE(scenario);
-        ScratchDir dir;
-        makeDir(dir.file("parent/root"));
-        EXPECT_FALSE(c.sync(false, std::string("/srv/") + scenario, dir.file("parent/root"), 0));
-        expectLog(lastErrorText(c.scp), {"Refusing an unsafe file name from the server."});
-        EXPECT_EQ(listTree(dir.path()), (Files{"parent", "parent/root"}));
-        EXPECT_FALSE(pathExists(scripts.file("evil")));
-        EXPECT_EQ(c.synced(), Files{});
+    SshRig rig(2000, &sshd);
+    ASSERT_TRUE(rig.connected) << lastErrorText(rig.ssh);
+    writeFile(dir.file("up.bin"), randomBytes(4 << 20, 3));
+    for (const char* opts : {"", "Pipelined"}) {
+        for (bool upload : {true, false}) {
+            SCOPED_TRACE(std::string(upload ? "upload " : "download ") + opts);
+            XString env(upload ? "{\"SCPKIT_FAKE\":\"killed-mid-upload\"}"
+                               : "{\"SCPKIT_FAKE\":\"killed-mid-download\"}");
+            XString o(opts), remote("/f"), local(dir.file(upload ? "up.bin" : "down").c_str());
+            rig.scp.put_SendEnv(env);
+            rig.scp.put_UncommonOptions(o);
+            EXPECT_FALSE(upload ? rig.scp.UploadFile(local, remote)
+                                : rig.scp.DownloadFile(remote, local));
+            expectLog(lastErrorText(rig.scp),
+                      {upload ? "Failed to send data on the channel."
+                              : "Failed to stream file data from SSH server to local file."});
+            EXPECT_FALSE(pathExists(dir.file("down")));
+        }
     }
 }
 

@@ -56,7 +56,7 @@ TEST(SshChannel, SessionLimitTakesBackOnlyFinishedChannels) {
         EXPECT_EQ(execOutput(ssh, "printf " + std::to_string(i)), std::to_string(i));
 
     const std::string big = sshd.makeScratchDir("limit") + "/big";
-    writeWholeFile(big, std::string(4 << 20, 'b'));
+    writeFile(big, std::string(4 << 20, 'b'));
     _vqLogger log;
     SocketParams sp(nullptr);
     XString wait("read -r line; printf 'got:%s' \"$line\"");

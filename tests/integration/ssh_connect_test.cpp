@@ -50,9 +50,8 @@ TEST(SshConnect, HostKeyPolicies) {
         std::string knownHosts = sshd.makeScratchDir("hostkeys") + "/sub/known_hosts";
         if (c.known == RightKey) knownHosts = sshd.knownHostsPath();
         if (c.known == OtherKey)
-            writeWholeFile(knownHosts = dir + "/known_hosts",
-                           entry + readWholeFile(dir + "/other.pub"));
-        const std::string before = readWholeFile(knownHosts);
+            writeFile(knownHosts = dir + "/known_hosts", entry + readFile(dir + "/other.pub"));
+        const std::string before = readFile(knownHosts);
         ClsSsh ssh;
         EXPECT_EQ(connect(ssh, sshd.host(), sshd.port(), knownHosts, c.policy), c.connects);
         EXPECT_EQ(ssh.get_IsConnected(), c.connects);
@@ -65,11 +64,11 @@ TEST(SshConnect, HostKeyPolicies) {
         ssh.get_ServerKeySha256(fp);
         EXPECT_EQ(fp.getUtf8(), sshd.hostKeyFingerprint());
         if (c.fileGainsKey) {  // and what was recorded is trusted from now on
-            expectLog(readWholeFile(knownHosts), {entry + "ssh-ed25519 "});
+            expectLog(readFile(knownHosts), {entry + "ssh-ed25519 "});
             ClsSsh again;
             EXPECT_TRUE(connect(again, sshd.host(), sshd.port(), knownHosts));
         } else {
-            EXPECT_EQ(readWholeFile(knownHosts), before);
+            EXPECT_EQ(readFile(knownHosts), before);
         }
         ssh.Disconnect();
         EXPECT_FALSE(ssh.get_IsConnected());

@@ -8,8 +8,8 @@
 #include <scpkit/base/Logger.h>
 #include <scpkit/base/Progress.h>
 #include <scpkit/ssh/ClsSsh.h>
-#include "tests/support/ScpTestHelpers.h"
 #include "tests/support/SshdFixture.h"
+#include "tests/support/TestKit.h"
 
 #define REQUIRE_SSHD(sshd)                     \
     SshdFixture& sshd = SshdFixture::shared(); \

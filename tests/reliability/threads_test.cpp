@@ -9,7 +9,8 @@
 #include <vector>
 
 #include <scpkit/base/DataBuffer.h>
-#include "tests/reliability/ReliabilityRig.h"
+#include "tests/support/SshdFixture.h"
+#include "tests/support/TestKit.h"
 
 namespace scpkit::test {
 namespace {
@@ -17,8 +18,8 @@ namespace {
 TEST(Threads, ChannelsOfOneConnectionCarryTransfersAtOnce) {
     if (!SshdFixture::shared().ok()) GTEST_SKIP() << SshdFixture::shared().error();
     SshRig rig(20000);
-    ASSERT_TRUE(rig.connected) << lastError(rig.ssh);
-    TempDir dir("threads");
+    ASSERT_TRUE(rig.connected) << lastErrorText(rig.ssh);
+    ScratchDir dir("threads");
     constexpr int kThreads = 4;
     const int rounds = longTests() ? 8 : 2;
     ClsScp shared;  // used by threads 2 and 3
@@ -32,17 +33,18 @@ TEST(Threads, ChannelsOfOneConnectionCarryTransfersAtOnce) {
             ClsScp& scp = t < 2 ? own : shared;
             for (int r = 0; r < rounds && failures[t].empty(); ++r) {
                 // Sizes on both sides of the bulk-read threshold.
-                const std::string mine = patternBytes((t % 2 ? 3u << 20 : 40000) + r, 10 * t + r);
-                const std::string path = dir / ("t" + std::to_string(t) + "-" + std::to_string(r));
+                const std::string mine = randomBytes((t % 2 ? 3u << 20 : 40000) + r, 10 * t + r);
+                const std::string path =
+                    dir.file("t" + std::to_string(t) + "-" + std::to_string(r));
                 DataBuffer bytes, back;
                 bytes.append(mine.data(), mine.size());
                 XString remote(path.c_str()), again(path.c_str()), copy((path + ".copy").c_str());
                 if (!scp.UploadBinary(remote, bytes, nullptr))
-                    failures[t] = "upload: " + lastError(scp);
+                    failures[t] = "upload: " + lastErrorText(scp);
                 else if (!scp.DownloadBinary(again, back, nullptr))
-                    failures[t] = "download: " + lastError(scp);
+                    failures[t] = "download: " + lastErrorText(scp);
                 else if (!scp.DownloadFile(again, copy, nullptr))
-                    failures[t] = "download to a file: " + lastError(scp);
+                    failures[t] = "download to a file: " + lastErrorText(scp);
                 else if (!back.equals(mine.data(), mine.size()) || readFile(path + ".copy") != mine)
                     failures[t] = "bytes differ in round " + std::to_string(r);
             }

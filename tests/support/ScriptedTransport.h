@@ -34,6 +34,12 @@ class ScriptedPeer {
     // counted from when everything scripted before has been played.
     ScriptedPeer& awaitBytes(size_t numBytes) { return add(AwaitBytes, "", numBytes); }
     ScriptedPeer& awaitWrites(size_t numWrites) { return add(AwaitWrites, "", numWrites); }
+    // Pause until the client has written that many bytes in all (a client
+    // that answers ahead may have written some before the step is reached).
+    ScriptedPeer& awaitTotalBytes(size_t numBytes) {
+        m_steps.push_back({AwaitBytes, "", numBytes, true});
+        return *this;
+    }
     ScriptedPeer& eof() { return add(Eof); }
     ScriptedPeer& close() { return add(Close); }
     // ---- standing behaviour ----

@@ -19,7 +19,7 @@
 
 #include <scpkit/base/XString.h>
 #include <scpkit/ssh/ClsSsh.h>
-#include "tests/support/ScpTestHelpers.h"
+#include "tests/support/TestKit.h"
 
 extern char** environ;
 
@@ -124,13 +124,13 @@ bool SshdFixture::start(const SshdOptions& options) {
     for (int attempt = 0; attempt < 5; ++attempt) {
         m_port = probeLoopback(0);
         // The caller's lines first: sshd keeps the first value of a keyword.
-        writeWholeFile(m_dir + "/sshd_config",
-                       options.extraConfig + "\nListenAddress 127.0.0.1\nPort " +
-                           std::to_string(m_port) + "\nHostKey " + hostKey + "\nPidFile " + m_dir +
-                           "/sshd.pid\nAuthorizedKeysFile " + m_dir +
-                           "/authorized_keys\nUsePAM no\nStrictModes no\nAcceptEnv LANG LC_*\n"
-                           "PermitRootLogin prohibit-password\nPasswordAuthentication yes\n"
-                           "KbdInteractiveAuthentication no\nSubsystem sftp internal-sftp\n");
+        writeFile(m_dir + "/sshd_config",
+                  options.extraConfig + "\nListenAddress 127.0.0.1\nPort " +
+                      std::to_string(m_port) + "\nHostKey " + hostKey + "\nPidFile " + m_dir +
+                      "/sshd.pid\nAuthorizedKeysFile " + m_dir +
+                      "/authorized_keys\nUsePAM no\nStrictModes no\nAcceptEnv LANG LC_*\n"
+                      "PermitRootLogin prohibit-password\nPasswordAuthentication yes\n"
+                      "KbdInteractiveAuthentication no\nSubsystem sftp internal-sftp\n");
         // setpriv execs sshd in place (same PID) with a parent-death signal,
         // so a test program that is killed cannot leave its sshd running.
         std::string command = "exec setpriv --pdeathsig TERM -- /usr/sbin/sshd -D -e -f " + m_dir +
@@ -143,14 +143,14 @@ bool SshdFixture::start(const SshdOptions& options) {
             if (waitpid(m_pid, nullptr, WNOHANG) != 0) m_pid = -1;  // sshd gave up
             if (m_pid > 0 && probeLoopback(m_port) == 1) {
                 m_knownHosts = m_dir + "/known_hosts";
-                writeWholeFile(m_knownHosts, "[127.0.0.1]:" + std::to_string(m_port) + " " +
-                                                 readWholeFile(hostKey + ".pub"));
+                writeFile(m_knownHosts, "[127.0.0.1]:" + std::to_string(m_port) + " " +
+                                            readFile(hostKey + ".pub"));
                 return true;
             }
             std::this_thread::sleep_for(std::chrono::milliseconds(50));
         }
         stop();
-        const std::string log = readWholeFile(m_dir + "/sshd.log");
+        const std::string log = readFile(m_dir + "/sshd.log");
         if (log.find("Address already in use") == std::string::npos)
             return fail("sshd did not start: " + log);
     }

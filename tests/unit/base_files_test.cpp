@@ -12,7 +12,7 @@
 #include <scpkit/base/FileSys.h>
 #include <scpkit/base/FileTime.h>
 #include <scpkit/base/Output.h>
-#include "tests/support/ScpTestHelpers.h"
+#include "tests/support/TestKit.h"
 
 namespace scpkit::test {
 namespace {
@@ -33,7 +33,7 @@ VostrelFileTime at(uint32_t seconds) {
 class FileKinds : public ::testing::Test {
   protected:
     void SetUp() override {
-        ASSERT_TRUE(writeWholeFile(tmp.file("file"), "abc"));
+        ASSERT_TRUE(writeFile(tmp.file("file"), "abc"));
         ASSERT_EQ(::mkdir(tmp.file("dir").c_str(), 0755), 0);
         ASSERT_EQ(::symlink("file", tmp.file("toFile").c_str()), 0);
         ASSERT_EQ(::symlink("dir", tmp.file("toDir").c_str()), 0);
@@ -115,10 +115,10 @@ TEST(RegularFiles, OutputAndDataSourcesAgreeOnBytesModeAndTimes) {
     const std::string path = tmp.file("data.bin");
     std::string content(300007, '\0');
     for (size_t i = 0; i < content.size(); ++i) content[i] = static_cast<char>(i * 7 + i / 251);
-    ASSERT_TRUE(writeWholeFile(path, std::string(400000, 'o')));
+    ASSERT_TRUE(writeFile(path, std::string(400000, 'o')));
     _vqLogger log;
     std::unique_ptr<OutputFile> out(OutputFile::createFileUtf8(path.c_str(), log));
-    ASSERT_TRUE(out && out->isRegularFile() && readWholeFile(path).empty());  // truncated
+    ASSERT_TRUE(out && out->isRegularFile() && readFile(path).empty());  // truncated
     ASSERT_TRUE(writeTo(*out, "first", log));
     out->resetOutput(log);  // starts over from the first byte, leaving no hole
     EXPECT_TRUE(writeTo(*out, content, log) &&

@@ -12,7 +12,7 @@
 #include <scpkit/base/ClsBase.h>
 #include <scpkit/base/Progress.h>
 #include <scpkit/base/StringBuffer.h>
-#include "tests/support/ScpTestHelpers.h"
+#include "tests/support/TestKit.h"
 
 namespace scpkit::test {
 namespace {
@@ -71,7 +71,7 @@ TEST(Log, RendersTheLastCallCutsItsMiddleAndTheDebugFileKeepsEverything) {
                   "and the call's own data items are kept. A debug log file gets every entry.)\n"
                   "    step:\n        bad\n    --step\n" +
                   tail);
-    EXPECT_EQ(readWholeFile(debugPath.getUtf8()),
+    EXPECT_EQ(readFile(debugPath.getUtf8()),
               "step:\n    n: an earlier call\n--step\n" + head + "    quiet:\n    --quiet\n" +
                   size + one + "    step:\n        n: 2\n        bad\n    --step\n" + tail);
     EXPECT_EQ(summary(obj), "bad|Call/step|n=2;scp_errors1=x\ny\n;n=3;n=4;");

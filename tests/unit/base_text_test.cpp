@@ -11,7 +11,7 @@
 #include <scpkit/base/Encode.h>
 #include <scpkit/base/ExtPtrArray.h>
 #include <scpkit/base/XString.h>
-#include "tests/support/ScpTestHelpers.h"
+#include "tests/support/TestKit.h"
 
 namespace scpkit::test {
 namespace {

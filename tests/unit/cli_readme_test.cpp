@@ -7,7 +7,7 @@
 
 #include "cli/CommandLine.h"
 #include "cli/SyncModes.h"
-#include "tests/support/TreeFiles.h"
+#include "tests/support/TestKit.h"
 
 namespace scpkit::test {
 namespace {

@@ -9,7 +9,7 @@
 #include <scpkit/scp/ClsScp.h>
 #include <scpkit/ssh/ClsSsh.h>
 #include "tests/support/ClsScpTestAccess.h"
-#include "tests/support/ScpTestHelpers.h"
+#include "tests/support/TestKit.h"
 
 namespace scpkit::test {
 namespace {
@@ -84,7 +84,7 @@ TEST(ScpObject, UseSshHoldsOneReferenceAndReleasesIt) {
 TEST(ScpObject, TransfersFailBeforeUseSsh) {
     ScratchDir dir;
     std::string file = dir.file("local.bin");
-    ASSERT_TRUE(writeWholeFile(file, "data"));
+    ASSERT_TRUE(writeFile(file, "data"));
     XString local(file.c_str()), missing(dir.file("new.bin").c_str()), text("t"), cs("utf-8");
     DataBuffer db;
     ClsBinData bd;

@@ -1,19 +1,18 @@
 // The per-file decisions of the tree synchronisations: both mode tables
-// against real local files, the key a local file is looked up by in the map
-// of remote files, and the name filters.
+// against real local files, and the key a local file is looked up by in
+// the map of remote files. (The name filters are tried by the tree tests.)
 #include <gtest/gtest.h>
 
 #include <memory>
 #include <string>
 
-#include <scpkit/base/ExtPtrArray.h>
 #include <scpkit/base/Logger.h>
 #include <scpkit/base/StringHashMap.h>
 #include <scpkit/base/XString.h>
 #include <scpkit/scp/ClsScp.h>
 #include <scpkit/scp/ScpFileInfo.h>
 #include "tests/support/ClsScpTestAccess.h"
-#include "tests/support/TreeFiles.h"
+#include "tests/support/TestKit.h"
 
 namespace scpkit::test {
 namespace {
@@ -116,29 +115,6 @@ TEST(SyncRulesTest, UploadKeyIsThePathBelowTheRoot) {
     EXPECT_FALSE(uploads(d + "/q", "/elsewhere/f", "f", &log));
     EXPECT_NE(log.find("path does not begin with local root dir."), std::string::npos) << log;
     EXPECT_NE(log.find("xPath: /elsewhere/f"), std::string::npos) << log;
-}
-
-TEST(SyncRulesTest, FiltersApplyBothListsInOrder) {
-    const struct {
-        const char *mustMatch, *mustNotMatch, *name;
-        bool skip;
-    } cases[] = {
-        {"", "", "anything", false},    {"*.txt", "", "a.txt", false},
-        {"*.txt", "", "a.bin", true},   {" *.md ; *.txt ", "", "b.txt", false},
-        {"", "*.tmp", "x.tmp", true},   {"", "*.tmp", "x.txt", false},
-        {"*.txt", "a*", "a.txt", true}, {"*.txt", "a*", "b.txt", false},
-        {"*.txt", "b*", "b.bin", true},
-    };
-    ClsScp scp;
-    for (const auto& c : cases) {
-        ExtPtrArraySb must, mustNot;
-        StringBuffer(c.mustMatch).splitAndTrim(must, ';', true, true);
-        StringBuffer(c.mustNotMatch).splitAndTrim(mustNot, ';', true, true);
-        XString name(c.name);
-        _vqLogger log;
-        EXPECT_EQ(A::skipFromMustMatch(scp, name, must, mustNot, log), c.skip)
-            << c.mustMatch << " | " << c.mustNotMatch << " | " << c.name;
-    }
 }
 
 }  // namespace

@@ -11,8 +11,8 @@
 #include <scpkit/base/Output.h>
 #include <scpkit/base/Progress.h>
 #include <scpkit/ssh/ClsSsh.h>
-#include "tests/support/ScpTestHelpers.h"
 #include "tests/support/ScriptedTransport.h"
+#include "tests/support/TestKit.h"
 
 namespace scpkit::test {
 namespace {
