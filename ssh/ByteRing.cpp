@@ -26,8 +26,8 @@ size_t ByteRing::room(bool storageMayMove) const {
 bool ByteRing::reallocate(size_t capacity) {
     // Pages of their own, given back whole when the ring grows or goes: a
     // heap would keep the smaller rings of a growing one as resident memory.
-    void* pages = ::mmap(nullptr, capacity, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS,
-                         -1, 0);
+    void* pages =
+        ::mmap(nullptr, capacity, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     if (pages == MAP_FAILED) return false;
     auto* fresh = static_cast<unsigned char*>(pages);
     size_t first = std::min(m_size, m_capacity - m_head);
