@@ -2,7 +2,10 @@
 
 #include <iconv.h>
 
+#include <strings.h>
 #include <cerrno>
+#include <cstdint>
+
 #include <cstring>
 
 #include <scpkit/base/DataBuffer.h>
@@ -121,6 +124,47 @@ bool charsetToUtf8(const char* charset, const unsigned char* bytes, size_t numBy
                       });
     if (!ok) return false;
     out.swap(converted);
+    return true;
+}
+
+bool isUtf8Charset(const char* charset) {
+    StringBuffer name(charset);
+    name.trim2();
+    return strcasecmp(name.getString(), "utf-8") == 0 || strcasecmp(name.getString(), "utf8") == 0;
+}
+
+bool isValidUtf8(const unsigned char* bytes, size_t numBytes) {
+    size_t i = 0;
+    while (i < numBytes) {
+        uint64_t eight;  // plain ASCII, eight bytes at a time
+        if (numBytes - i >= 8 &&
+            (std::memcpy(&eight, bytes + i, 8), eight & 0x8080808080808080u) == 0) {
+            i += 8;
+            continue;
+        }
+        const unsigned char c = bytes[i];
+        // The sequence's length from its lead byte, and the range of its
+        // second byte that keeps it the shortest form and off the surrogates.
+        const size_t len = c < 0x80   ? 1
+                           : c < 0xC2 ? 0
+                           : c < 0xE0 ? 2
+                           : c < 0xF0 ? 3
+                           : c < 0xF8 ? 4
+                           : c < 0xFC ? 5
+                           : c < 0xFE ? 6
+                                      : 0;
+        const unsigned char low = c == 0xE0   ? 0xA0
+                                  : c == 0xF0 ? 0x90
+                                  : c == 0xF8 ? 0x88
+                                  : c == 0xFC ? 0x84
+                                              : 0x80;
+        const unsigned char high = c == 0xED ? 0x9F : 0xBF;
+        if (len == 0 || numBytes - i < len) return false;
+        if (len > 1 && (bytes[i + 1] < low || bytes[i + 1] > high)) return false;
+        for (size_t k = 2; k < len; ++k)
+            if ((bytes[i + k] & 0xC0) != 0x80) return false;
+        i += len;
+    }
     return true;
 }
 

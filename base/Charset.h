@@ -16,4 +16,10 @@ bool utf8ToCharset(const char* charset, const char* utf8, size_t numBytes, DataB
 bool charsetToUtf8(const char* charset, const unsigned char* bytes, size_t numBytes,
                    std::string& out, LogBase& log);
 
+// Whether the name, blanks aside, is "utf-8" or "utf8" in any case.
+bool isUtf8Charset(const char* charset);
+// Whether the bytes are well-formed UTF-8 as converting from "utf-8"
+// takes it: shortest forms, no surrogates, sequences of up to six bytes.
+bool isValidUtf8(const unsigned char* bytes, size_t numBytes);
+
 }  // namespace scpkit

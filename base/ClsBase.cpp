@@ -118,4 +118,14 @@ bool ClsBase::dbToXString(const XString& charset, const DataBuffer& bytes, XStri
     return text.getUtf8Sb_rw().append(utf8.data(), utf8.size());
 }
 
+bool ClsBase::dbToXStringTakingBytes(const XString& charset, DataBuffer& bytes, XString& text,
+                                     LogBase& log) {
+    if (!isUtf8Charset(charset.getUtf8()) || !isValidUtf8(bytes.getData2(), bytes.getSize()))
+        return dbToXString(charset, bytes, text, log);  // converts, or says why not
+    std::string taken;
+    bytes.moveBytesTo(taken);
+    text.getUtf8Sb_rw().takeString(taken);
+    return true;
+}
+
 }  // namespace scpkit

@@ -55,6 +55,10 @@ class ClsBase {
                             LogBase& log);
     static bool dbToXString(const XString& charset, const DataBuffer& bytes, XString& text,
                             LogBase& log);
+    // The same, except that well-formed UTF-8 read as "utf-8" becomes the
+    // text without a copy (bytes is left empty then).
+    static bool dbToXStringTakingBytes(const XString& charset, DataBuffer& bytes, XString& text,
+                                       LogBase& log);
 
     int get_ObjectType() const { return m_objectType; }
 

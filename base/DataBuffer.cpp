@@ -10,15 +10,9 @@ namespace scpkit {
 
 bool DataBuffer::append(const void* bytes, size_t numBytes) {
     if (!bytes || numBytes == 0) return true;
-    const unsigned char* p = static_cast<const unsigned char*>(bytes);
     try {
-        // Appending a range of our own storage: copy first, since insert may reallocate.
-        if (!m_bytes.empty() && p >= m_bytes.data() && p < m_bytes.data() + m_bytes.size()) {
-            std::vector<unsigned char> copy(p, p + numBytes);
-            m_bytes.insert(m_bytes.end(), copy.begin(), copy.end());
-        } else {
-            m_bytes.insert(m_bytes.end(), p, p + numBytes);
-        }
+        // std::string::append copes with a range of the string itself.
+        m_bytes.append(static_cast<const char*>(bytes), numBytes);
     } catch (const std::bad_alloc&) {
         return false;
     } catch (const std::length_error&) {
@@ -45,7 +39,7 @@ void DataBuffer::removeFront(size_t numBytes) {
         m_bytes.clear();
         return;
     }
-    m_bytes.erase(m_bytes.begin(), m_bytes.begin() + static_cast<std::ptrdiff_t>(numBytes));
+    m_bytes.erase(0, numBytes);
 }
 
 bool DataBuffer::equals(const void* bytes, size_t numBytes) const {

@@ -10,7 +10,7 @@ namespace scpkit {
 class ExtPtrArraySb;
 
 class StringBuffer {
-public:
+  public:
     StringBuffer() = default;
     explicit StringBuffer(const char* text) : m_str(text ? text : "") {}
 
@@ -26,6 +26,11 @@ public:
     bool appendLineEnding();  // "\n"
     bool setString(const char* text);
     void clear() { m_str.clear(); }
+    // Takes text's bytes without copying them; text is left empty.
+    void takeString(std::string& text) {
+        m_str.swap(text);
+        text.clear();
+    }
     void shorten(size_t numBytes);  // drops bytes from the end (all when more)
     void trim2();                   // leading and trailing white space
 
@@ -51,7 +56,7 @@ public:
     const std::string& str() const { return m_str; }
     std::string& str_rw() { return m_str; }
 
-private:
+  private:
     std::string m_str;
 };
 

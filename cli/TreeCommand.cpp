@@ -20,10 +20,6 @@ namespace scpkit::cli {
 
 namespace {
 
-// The library copies nothing under "DryRun" only once it knows the keyword;
-// until then a dry run would be a real one, so the program refuses it.
-constexpr bool kLibraryKnowsDryRun = false;
-
 // Upload modes that copy a file missing on the server (all but 3,
 // newer-existing): against a missing directory they copy everything.
 bool copiesMissingFiles(int uploadMode) {
@@ -38,10 +34,6 @@ class TreeCommand : public CommandRun {
           m_remoteRoot(o.server().path.empty() ? "." : o.server().path) {}
 
     int prepare() override {
-        if (m_o.tree.dryRun && !kLibraryKnowsDryRun) {
-            printError("--dry-run is not available with this build of the library");
-            return kExitUsage;
-        }
         if (m_o.command == Command::Push && !isDirectory(m_localRoot)) {
             printError("not a directory: " + stripControlChars(m_o.local.front()));
             return kExitTransferFailed;

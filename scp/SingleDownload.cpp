@@ -99,7 +99,7 @@ bool ClsScp::DownloadString(XString& remotePath, XString& charset, XString& outS
     LogContextExitor ctx(*this, "DownloadString");
     DataBuffer bytes;
     bool result = downloadData(remotePath, bytes, progress);
-    if (result && !dbToXString(charset, bytes, outStr, m_log)) {
+    if (result && !dbToXStringTakingBytes(charset, bytes, outStr, m_log)) {
         m_log.LogError("Failed to convert received bytes from the indicated charset.");
         result = false;
     }

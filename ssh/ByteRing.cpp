@@ -1,7 +1,8 @@
 #include <scpkit/ssh/ByteRing.h>
 
+#include <sys/mman.h>
+
 #include <algorithm>
-#include <cstdlib>
 #include <cstring>
 
 #include <scpkit/base/DataBuffer.h>
@@ -15,7 +16,7 @@ constexpr size_t kFirstCapacity = 64 * 1024;
 }  // namespace
 
 ByteRing::~ByteRing() {
-    std::free(m_data);
+    if (m_data) ::munmap(m_data, m_capacity);
 }
 
 size_t ByteRing::room(bool storageMayMove) const {
@@ -23,13 +24,16 @@ size_t ByteRing::room(bool storageMayMove) const {
 }
 
 bool ByteRing::reallocate(size_t capacity) {
-    // malloc, not a vector: storage that is never written is never touched.
-    auto* fresh = static_cast<unsigned char*>(std::malloc(capacity));
-    if (!fresh) return false;
+    // Pages of their own, given back whole when the ring grows or goes: a
+    // heap would keep the smaller rings of a growing one as resident memory.
+    void* pages =
+        ::mmap(nullptr, capacity, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (pages == MAP_FAILED) return false;
+    auto* fresh = static_cast<unsigned char*>(pages);
     size_t first = std::min(m_size, m_capacity - m_head);
     if (first > 0) std::memcpy(fresh, m_data + m_head, first);
     if (m_size > first) std::memcpy(fresh + first, m_data, m_size - first);
-    std::free(m_data);
+    if (m_data) ::munmap(m_data, m_capacity);
     m_data = fresh;
     m_capacity = capacity;
     m_head = 0;

@@ -30,9 +30,9 @@ constexpr long long kBulkBytes = 1 << 20;
 // A bulk reader that finds nothing buffered sleeps until this many bytes are
 // (or kPartialMs passed with fewer), and hands at most kMaxPiece at a time to
 // its output.
-constexpr size_t kWakeBytes = 256 * 1024;
+constexpr size_t kWakeBytes = 128 * 1024;
 constexpr long long kPartialMs = 20;
-constexpr size_t kMaxPiece = 1 << 20;
+constexpr size_t kMaxPiece = 512 * 1024;
 
 // The channel, or null with "Unknown channel." logged.
 std::shared_ptr<SshChannel> channelFor(ChannelTable& table, int channel, LogBase* log) {

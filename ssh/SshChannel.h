@@ -22,7 +22,7 @@ class SshChannel : public ChannelInbox {
   public:
     // At most this many received bytes wait in a channel; beyond it the
     // transport keeps them, and the peer's window closes.
-    static constexpr size_t kMaxBuffered = 4 * 1024 * 1024;
+    static constexpr size_t kMaxBuffered = 2 * 1024 * 1024;
     static constexpr size_t kMaxStderrKept = 4 * 1024 * 1024;
 
     SshChannel(ChannelTable& table, std::mutex& lock, bool mergeStderr);

@@ -23,13 +23,6 @@ namespace {
 using Args = std::vector<std::string>;
 const std::string kProgram = SCPKIT_CLI_PATH;
 
-std::string randomBytes(size_t n, unsigned seed) {
-    std::mt19937 gen(seed);
-    std::string s(n, '\0');
-    for (char& c : s) c = static_cast<char>(gen());
-    return s;
-}
-
 // What a run printed, when it succeeded without a word on standard error
 // (not a terminal, so no progress bar either); else why it did not.
 std::string outputOf(const ChildResult& r) {
@@ -162,6 +155,10 @@ TEST_F(CliTest, PushAndPullListExactlyTheFilesTheyCopied) {
     EXPECT_EQ(snapshotTree(local + "/pulled"), snapshotTree(dst));
     EXPECT_EQ(outputOf(scpkit("pull --mode missing R/tree L/pulled")), "");
     EXPECT_EQ(outputOf(scpkit("-q pull R/tree L/quiet")), "");
+    // A dry run lists what a real one would copy, and copies and makes nothing.
+    for (const char* dry : {"-n pull R/tree L/dry", "-n push --mode newer L/src R/none"})
+        EXPECT_EQ(sortedLines(outputOf(scpkit(dry))), all) << dry;
+    EXPECT_FALSE(pathExists(local + "/dry") || pathExists(rdir + "/none"));
 
     // Repeated filter options add up; each reaches its own property.
     const std::pair<std::string, Args> filters[] = {

@@ -6,8 +6,8 @@
 #include <memory>
 #include <string>
 
+#include <scpkit/base/Charset.h>
 #include <scpkit/base/DataSource.h>
-#include <scpkit/base/Logger.h>
 #include <scpkit/base/Output.h>
 #include <scpkit/base/Progress.h>
 #include <scpkit/ssh/ClsSsh.h>
@@ -23,19 +23,22 @@ std::string pattern(size_t n, unsigned seed = 1) {
     return s;
 }
 
+// A fresh object on a fresh scripted peer; a failing wait ends the test
+// within the stall timeout instead of hanging it.
 struct Rig {
     std::shared_ptr<ScriptedTransport> transport = std::make_shared<ScriptedTransport>();
     ClsSsh ssh;
     _vqLogger log;
     SocketParams sp{nullptr};
+    int ch = -1;
 
-    explicit Rig(int stallMs = 5000) {  // a failing wait ends the test, never hangs it
+    explicit Rig(int stallMs = 5000) {
         ssh.useTransport(transport);
         ssh.put_StallTimeoutMs(stallMs);
     }
-    ScriptedPeer& peer(int i = 0) { return transport->peer(i); }
-    int open() { return ssh.openSessionChannel(sp, log); }
-    std::string readN(int ch, long long n, bool* ok = nullptr) {
+    ScriptedPeer& peer() { return transport->peer(ch + 1); }  // the next channel's
+    int open() { return ch = ssh.openSessionChannel(sp, log); }
+    std::string readN(long long n, bool* ok = nullptr) {
         DataBuffer db;
         OutputDataBuffer out(&db);
         out.m_reportsProgress = true;
@@ -43,7 +46,7 @@ struct Rig {
         if (ok) *ok = r;
         return std::string(reinterpret_cast<const char*>(db.getData2()), db.getSize());
     }
-    bool send(int ch, const std::string& bytes) {
+    bool send(const std::string& bytes) {
         DataBuffer db;
         db.append(bytes.data(), bytes.size());
         _vqMemoryDataSource source;
@@ -51,7 +54,7 @@ struct Rig {
         source.m_reportsProgress = true;
         return ssh.channelSendNFromSource(ch, source, (long long)bytes.size(), sp, log);
     }
-    bool waitClose(int ch) {
+    bool waitClose() {
         SshReadParams rp;
         return ssh.channelReceiveUntilCondition(ch, 1, rp, sp, log);
     }
@@ -60,8 +63,7 @@ struct Rig {
 // Each read delivers exactly the bytes asked for, in order, whether they
 // were buffered or still to come, and leaves the rest to the next read.
 TEST(SshChannel, ReadExactlyNDeliversTheNextNBytesAndLeavesTheRest) {
-    // More than a channel buffers: the peer's bytes wait at the transport.
-    const std::string big = pattern(9 << 20);
+    const std::string big = pattern(9 << 20);  // more than a channel buffers
     const struct {
         const char* name;
         std::string first, later;  // sent at once, and after the client's first write
@@ -84,61 +86,57 @@ TEST(SshChannel, ReadExactlyNDeliversTheNextNBytesAndLeavesTheRest) {
         Rig rig;
         rig.peer().send(row.first).awaitWrites(1).send(row.later);
         if (row.end) row.end == 'e' ? rig.peer().eof() : rig.peer().close();
-        const int ch = rig.open();
-        ASSERT_TRUE(rig.send(ch, "x"));  // releases `later`
+        rig.open();
+        ASSERT_TRUE(rig.send("x"));  // releases `later`
         bool ok = false;
-        EXPECT_TRUE(rig.readN(ch, row.n, &ok) == row.out);
+        EXPECT_TRUE(rig.readN(row.n, &ok) == row.out);
         EXPECT_EQ(ok, row.ok);
         expectLog(renderedLog(rig.log), {row.logged});
-        EXPECT_TRUE(rig.readN(ch, (long long)row.next.size(), &ok) == row.next);
+        EXPECT_TRUE(rig.readN((long long)row.next.size(), &ok) == row.next);
     }
 }
 
-// channelRead reports data first, then EOF through SocketParams; a channel
-// closed without EOF says so once and then fails, so no caller loops.
+// channelRead reports data first and EOF only once a read finds nothing
+// more; a channel closed without EOF says so once and then fails, so no
+// caller loops. The wait for CLOSE keeps a bounded part of a flood.
 TEST(SshChannel, ChannelReadReportsDataThenEndAndWaitForCloseKeepsABoundedPart) {
     Rig rig;
-    rig.peer(0).send("line one\nrest").eof().sendStderr("oops").close();
-    rig.peer(1).send("x").close();
-    rig.peer(2).send(pattern(12 << 20)).close();
-    const int ch = rig.open();
-    EXPECT_EQ(rig.ssh.channelRead(ch, rig.sp, rig.log), 13);
-    EXPECT_TRUE(rig.ssh.receivedDataContainsChar(ch, '\n') && !rig.sp.m_receivedEof);
-    EXPECT_FALSE(rig.ssh.channelReceivedEof(ch, rig.log));  // not before a read finds the end
-    EXPECT_EQ(rig.ssh.channelRead(ch, rig.sp, rig.log), 0);
-    EXPECT_TRUE(rig.sp.m_receivedEof && rig.ssh.channelReceivedEof(ch, rig.log));
+    rig.peer().send("line one\nrest").eof().sendStderr("oops").close();
+    rig.open();
+    EXPECT_EQ(rig.ssh.channelRead(rig.ch, rig.sp, rig.log), 13);
+    EXPECT_FALSE(rig.sp.m_receivedEof || rig.ssh.channelReceivedEof(rig.ch, rig.log));
+    EXPECT_EQ(rig.ssh.channelRead(rig.ch, rig.sp, rig.log), 0);
+    EXPECT_TRUE(rig.sp.m_receivedEof && rig.ssh.channelReceivedEof(rig.ch, rig.log));
     DataBuffer line;
-    EXPECT_TRUE(rig.ssh.getReceivedDataThrough(ch, '\n', line, rig.log));
-    EXPECT_EQ(rig.readN(ch, 4), "rest");
-    ASSERT_TRUE(rig.waitClose(ch));
+    EXPECT_TRUE(rig.ssh.getReceivedDataThrough(rig.ch, '\n', line, rig.log));
+    EXPECT_EQ(rig.readN(4), "rest");
+    ASSERT_TRUE(rig.waitClose());
     XString err;
-    rig.ssh.getReceivedStderrText(ch, "utf-8", err, rig.log);
+    rig.ssh.getReceivedStderrText(rig.ch, "utf-8", err, rig.log);
     EXPECT_STREQ(err.getUtf8(), "oops");
 
-    const int ch2 = rig.open();
-    EXPECT_EQ(rig.ssh.channelRead(ch2, rig.sp, rig.log), 1);
-    EXPECT_EQ(rig.ssh.channelRead(ch2, rig.sp, rig.log), 0);
+    rig.peer().send("x").close();
+    rig.open();
+    EXPECT_EQ(rig.ssh.channelRead(rig.ch, rig.sp, rig.log), 1);
+    EXPECT_EQ(rig.ssh.channelRead(rig.ch, rig.sp, rig.log), 0);
     EXPECT_TRUE(rig.sp.m_receivedClose && !rig.sp.m_receivedEof);
-    EXPECT_LT(rig.ssh.channelRead(ch2, rig.sp, rig.log), 0);
+    EXPECT_LT(rig.ssh.channelRead(rig.ch, rig.sp, rig.log), 0);
     EXPECT_LT(rig.ssh.channelRead(77, rig.sp, rig.log), 0);  // no such channel
 
-    // 12 MiB while waiting for CLOSE: a part is kept, not all of it.
-    const int flooded = rig.open();
-    ASSERT_TRUE(rig.waitClose(flooded));
+    rig.peer().send(pattern(12 << 20)).close();
+    rig.open();
+    ASSERT_TRUE(rig.waitClose());
     DataBuffer kept;
-    rig.ssh.getReceivedData(flooded, kept, rig.log);
+    rig.ssh.getReceivedData(rig.ch, kept, rig.log);
     EXPECT_TRUE(kept.getSize() > 0 && kept.getSize() < (12u << 20)) << kept.getSize();
 }
 
 // Asks to abort once the given percentage, or number of polls, is reached.
-class AbortingEvent : public ProgressEvent {
-  public:
-    AbortingEvent(int atPercent, int afterPolls) : m_percent(atPercent), m_polls(afterPolls) {}
-    void OnPercent(int percent, bool& abort) override { abort = abort || percent >= m_percent; }
-    void OnPoll(bool& abort) override { abort = abort || --m_polls <= 0; }
-
-  private:
-    int m_percent, m_polls;
+struct AbortingEvent : ProgressEvent {
+    int atPercent, afterPolls;
+    AbortingEvent(int percent, int polls) : atPercent(percent), afterPolls(polls) {}
+    void OnPercent(int percent, bool& abort) override { abort = abort || percent >= atPercent; }
+    void OnPoll(bool& abort) override { abort = abort || --afterPolls <= 0; }
 };
 
 // The peer sends 512 KiB and then nothing: an abort ends each operation
@@ -156,14 +154,30 @@ TEST(SshChannel, AbortEndsBulkReadsSendsAndWaits) {
         ProgressMonitor pm(&ev, 10, 100, 1 << 20);
         rig.sp.m_progressMonitor = &pm;
         rig.peer().send(pattern(512 * 1024));
-        const int ch = rig.open();
+        rig.open();
         bool ok = false;
-        if (row.op == ReadN) rig.readN(ch, 1 << 20, &ok);
-        if (row.op == Send) ok = rig.send(ch, pattern(1 << 20));
-        if (row.op == WaitClose) ok = rig.waitClose(ch);
+        if (row.op == ReadN) rig.readN(1 << 20, &ok);
+        if (row.op == Send) ok = rig.send(pattern(1 << 20));
+        if (row.op == WaitClose) ok = rig.waitClose();
         EXPECT_FALSE(ok);
         expectLog(renderedLog(rig.log), {"Operation aborted by the application."}, {"stall"});
-        EXPECT_LE(rig.peer().written.size(), 512u * 1024);
+        EXPECT_LE(rig.transport->peer(0).written.size(), 512u * 1024);
+    }
+}
+
+// In-memory text downloads take well-formed UTF-8 over without converting
+// it: exactly what the conversion accepts may be taken.
+TEST(Utf8TakeOver, AcceptsWhatTheConversionAccepts) {
+    for (const char* text :
+         {"plain", "caf\xc3\xa9", "\xf0\x9f\x98\x80", "\xf4\x90\x80\x80", "\xf8\x88\x80\x80\x80",
+          "\xfd\xbf\xbf\xbf\xbf\xbf", "\xc0\xaf", "\xe0\x80\xaf", "\xf8\x87\xbf\xbf\xbf",
+          "\xfc\x83\xbf\xbf\xbf\xbf", "\xed\xa0\x80", "\xe2\x82", "\xfe", "a\x80"}) {
+        LogNull quiet;
+        std::string converted;
+        const auto* bytes = reinterpret_cast<const unsigned char*>(text);
+        EXPECT_EQ(isValidUtf8(bytes, strlen(text)),
+                  charsetToUtf8("utf-8", bytes, strlen(text), converted, quiet))
+            << text;
     }
 }
 
