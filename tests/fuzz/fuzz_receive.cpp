@@ -45,14 +45,13 @@ struct Recorder : ProgressEvent {
 // A relative path that stays inside its root: no empty, "." or ".."
 // component, no leading '/', no NUL.
 bool contained(const std::string& path) {
-    if (path.empty() || path.find('\0') != std::string::npos) return false;
-    for (size_t start = 0;;) {
-        size_t slash = path.find('/', start);
-        std::string part = path.substr(start, slash == std::string::npos ? slash : slash - start);
+    if (path.find('\0') != std::string::npos) return false;
+    for (size_t start = 0, slash = 0; slash != std::string::npos; start = slash + 1) {
+        slash = path.find('/', start);
+        const std::string part = path.substr(start, slash - start);
         if (part.empty() || part == "." || part == "..") return false;
-        if (slash == std::string::npos) return true;
-        start = slash + 1;
     }
+    return true;
 }
 
 void script(test::ScriptedPeer& peer, const std::string& bytes, bool cutAtLineEnds) {

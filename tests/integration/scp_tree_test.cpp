@@ -1,6 +1,6 @@
 // Tree synchronisation and the liveness of every transfer against the
 // loopback OpenSSH sshd and its real scp: round trips with and without
-// answers in flight, the filters, linked directories, entries that cannot
+// answers in flight, linked directories, entries that cannot
 // be read, aborts at every named event, and remote programs that die.
 #include <gtest/gtest.h>
 #include <sys/socket.h>
@@ -75,37 +75,6 @@ TEST_F(ScpTreeTest, RoundTripsGiveTheSameTreeAndRerunsCopyNothing) {
             EXPECT_EQ(syncedFiles(rig.scp), Files{}) << "download mode " << mode;
         }
         EXPECT_EQ(snapshotTree(dst), original);
-    }
-}
-
-TEST_F(ScpTreeTest, FiltersAndRecurseChooseWhatIsCopied) {
-    const struct {
-        std::array<std::string, 4> filters;  // files, not files, dirs, not dirs
-        bool recurse;
-        Files expected;
-    } cases[] = {
-        {{"*.txt"}, true, {"a.txt", "keep/c.txt", "skip/e.txt"}},
-        // A download tests the remote root's own name against the directory filters too.
-        {{"", "", "keep*;from"}, true, {"a.txt", "b.log", "keep/c.txt", "keep/d.log"}},
-        {{"", "", "", "sk*"}, true, {"a.txt", "b.log", "keep/c.txt", "keep/d.log"}},
-        {{"*.txt", "b*", "*", "skip"}, true, {"a.txt", "keep/c.txt"}},
-        {{}, false, {"a.txt", "b.log"}},
-    };
-    for (const auto& k : cases) {
-        for (bool upload : {true, false}) {
-            SCOPED_TRACE(k.filters[0] + "|" + k.filters[1] + "|" + k.filters[2] + "|" +
-                         k.filters[3] + (upload ? " upload" : " download"));
-            ScratchDir pair;
-            for (const char* f :
-                 {"a.txt", "b.log", "keep/c.txt", "keep/d.log", "skip/e.txt", "skip/f.log"})
-                writeFile(pair.file("from/") + f, f, kOld);
-            makeDir(pair.file("to"));
-            settings({k.filters, "Pipelined"});
-            ASSERT_TRUE(sync(rig.scp, upload, pair.file("from"), pair.file("to"), 0, k.recurse))
-                << lastErrorText(rig.scp);
-            EXPECT_EQ(syncedFiles(rig.scp), k.expected);
-            EXPECT_EQ(listTree(pair.file("to"), true), k.expected);
-        }
     }
 }
 
@@ -205,27 +174,14 @@ TEST_F(ScpTreeTest, AbortsAtEveryNamedEventAndMidTransfer) {
         XString dest(target.c_str());
         DataBuffer bytes;
         bytes.append(big.data(), big.size());
-        bool ok = true;
-        switch (row.op) {
-            case Up:
-                ok = rig.scp.UploadFile(source, dest, &cue);
-                break;
-            case Down:
-                ok = rig.scp.DownloadFile(source, dest, &cue);
-                break;
-            case UpBinary:
-                ok = rig.scp.UploadBinary(dest, bytes, &cue);
-                break;
-            case DownBinary:
-                ok = rig.scp.DownloadBinary(source, bytes, &cue);
-                break;
-            case TreeUp:
-                ok = sync(rig.scp, true, dir.file("uptree"), target, 0, true, &cue);
-                break;
-            case TreeDown:
-                ok = sync(rig.scp, false, dir.file("tree"), target, 0, true, &cue);
-                break;
-        }
+        const bool ok =
+            row.op == Up         ? rig.scp.UploadFile(source, dest, &cue)
+            : row.op == Down     ? rig.scp.DownloadFile(source, dest, &cue)
+            : row.op == UpBinary ? rig.scp.UploadBinary(dest, bytes, &cue)
+            : row.op == DownBinary
+                ? rig.scp.DownloadBinary(source, bytes, &cue)
+                : sync(rig.scp, row.op == TreeUp, dir.file(row.op == TreeUp ? "uptree" : "tree"),
+                       target, 0, true, &cue);
         EXPECT_TRUE(cue.fired) << "the trigger never came";
         EXPECT_FALSE(ok);
         expectLog(lastErrorText(rig.scp), {"abort"});

@@ -144,92 +144,51 @@ TEST(ScpProtocol, EnvironmentRequests) {
 // permission bits, fails with the message the code gives, sends its final
 // 0x00 only after a whole file, and leaves no file when it fails.
 TEST(ScpProtocol, DownloadsFromLyingServers) {
-    const std::string binary("\0\n\x01\xff", 4), missing = "scp: /srv/f: No such file\n";
+    const std::string binary("\0\n\x01\xff", 4), stream = "Failed to stream file data";
     const struct {
-        const char* name;
         std::vector<std::string> pieces;  // EOF and CLOSE follow, unless `hang`
-        bool ok;
         const char* logged;
+        bool ok = false;
         std::string content = {};  // the file's bytes when ok
         unsigned mode = 0644;
         bool hang = false;
     } rows[] = {
-        {"binary data, the source goes on talking",
-         {"C0644 4 b\n", binary + kZero + "more"},
-         true,
-         "",
-         binary},
-        {"empty file", {"C0600 0 e\n", kZero}, true, "", "", 0600},
-        {"times, then a mode with high bits",
-         {kTimes, "C4755 3 f\n", "abc" + kZero},
-         true,
-         "",
-         "abc",
-         0755},
+        // The source goes on talking after the file.
+        {{"C0644 4 b\n", binary + kZero + "more"}, "", true, binary},
+        {{"C0600 0 e\n", kZero}, "", true, "", 0600},
+        {{kTimes, "C4755 3 f\n", "abc" + kZero}, "", true, "abc", 0755},
         // CVE-2019-6111 style: more records than asked for.
-        {"records after the file",
-         {"C0644 3 f\n", "abc" + kZero + "C0644 4 evil\nevil" + kZero + "D0755 0 d\nE\n"},
+        {{"C0644 3 f\n", "abc" + kZero + "C0644 4 evil\nevil" + kZero + "D0755 0 d\nE\n"},
+         "",
          true,
-         "",
          "abc"},
-        {"times line that does not scan",
-         {"T1 2\n", "C0644 3 f\n", "abc" + kZero},
-         true,
-         "Failed to parse last-mod/last-access date/times",
-         "abc"},
-        {"file arrives, channel never closes",
-         {"C0644 2 x\n", "hi" + kZero},
-         false,
-         "",
-         "",
-         0644,
-         true},
-        {"negative size",
-         {"C0644 -5 f\n", kZero},
-         false,
-         "Failed to stream file data from SSH server to local file."},
-        {"size of 2^63",
-         {"C0644 9223372036854775808 f\n", "abc" + kZero},
-         false,
-         "Failed to stream file data from SSH server to local file."},
-        {"size not a number", {"C0644 many f\n", "xyz" + kZero}, false, "Unexpected final 0 byte."},
-        {"more data than announced",
-         {"C0644 3 f\n", "abcdef" + kZero},
-         false,
-         "Unexpected final 0 byte."},
-        {"fewer bytes",
-         {"C0644 10 f\n", "abc"},
-         false,
-         "Failed to stream file data from SSH server to local file."},
-        {"no status byte", {"C0644 3 f\n", "abc"}, false, "receiveFileData"},
-        {"error status after the data",
-         {"C0644 3 f\n", "abc\x01"},
-         false,
-         "Unexpected final 0 byte."},
-        {"header without blanks", {"C0644\n"}, false, "Error parsing response line (1)"},
-        {"header without a name field", {"C0644 12\n"}, false, "Error parsing response line (2)"},
-        {"header without a line feed", {"C0644 3 f"}, false, "sshChannelClosed: 1"},
-        {"fatal line",
-         {"\x02scp: cannot go on\n"},
-         false,
-         "Err_responseLine: \x02scp: cannot go on"},
-        {"remote error", {"\x01" + missing}, false, "errorResponse: scp: /srv/f: No such file"},
-        {"error text with terminal escapes",
-         {"\x01scp: \x1b[2J\x1b]0;owned\x07/x: denied\n"},
-         false,
-         "errorResponse: scp: \x1b[2J\x1b]0;owned\x07/x: denied"},
+        {{"T1 2\n", "C0644 3 f\n", "abc" + kZero}, "Failed to parse last-mod/", true, "abc"},
+        {{"C0644 2 x\n", "hi" + kZero}, "", false, "", 0644, true},  // the channel never closes
+        {{"C0644 -5 f\n", kZero}, stream.c_str()},
+        {{"C0644 9223372036854775808 f\n", "abc" + kZero}, stream.c_str()},
+        {{"C0644 many f\n", "xyz" + kZero}, "Unexpected final 0 byte."},
+        {{"C0644 3 f\n", "abcdef" + kZero}, "Unexpected final 0 byte."},
+        {{"C0644 10 f\n", "abc"}, stream.c_str()},
+        {{"C0644 3 f\n", "abc"}, "receiveFileData"},  // no status byte
+        {{"C0644 3 f\n", "abc\x01"}, "Unexpected final 0 byte."},
+        {{"C0644\n"}, "Error parsing response line (1)"},
+        {{"C0644 12\n"}, "Error parsing response line (2)"},
+        {{"C0644 3 f"}, "sshChannelClosed: 1"},  // no line feed
+        {{"\x02scp: cannot go on\n"}, "Err_responseLine: \x02scp: cannot go on"},
+        {{"\x01scp: /srv/f: No such file\n"}, "errorResponse: scp: /srv/f: No such file"},
+        {{"\x01scp: \x1b[2J\x1b]0;owned\x07/x\n"}, "errorResponse: scp: \x1b[2J\x1b]0;owned\x07/x"},
         // Only the limit ends it: no EOF follows.
-        {"control line without end",
-         {std::string(64 * 1024 + 1, 'C')},
-         false,
+        {{std::string(64 * 1024 + 1, 'C')},
          "Control line from the server is too long.",
+         false,
          "",
          0644,
          true},
     };
     for (const auto& row : rows) {
         for (bool toFile : {true, false}) {
-            SCOPED_TRACE(std::string(row.name) + (toFile ? " / file" : " / memory"));
+            SCOPED_TRACE(row.pieces[0].substr(0, 40) + row.logged +
+                         (toFile ? " / file" : " / memory"));
             ScratchDir dir;
             ScpRig rig;
             rig.peer().sendStderr("scp: a note\n");
