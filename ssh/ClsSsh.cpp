@@ -220,21 +220,24 @@ bool ClsSsh::channelSendNFromSource(int channel, _vqDataSource& source, long lon
         log.LogDataInt64("numBytes", numBytes);
         return false;
     }
-    const size_t chunkSize = static_cast<size_t>(std::min<long long>(numBytes, kChunkSize));
-    std::unique_ptr<unsigned char[]> chunk(
-        new (std::nothrow) unsigned char[chunkSize ? chunkSize : 1]);
-    if (!chunk) {
-        log.LogError("Out of memory.");
-        return false;
-    }
+    std::unique_ptr<unsigned char[]> chunk;  // for sources that only copy
     ProgressMonitor* pm = source.m_reportsProgress ? sp.m_progressMonitor : nullptr;
     long long remaining = numBytes;
     while (remaining > 0) {
         size_t want = static_cast<size_t>(std::min<long long>(remaining, kChunkSize));
+        const unsigned char* piece = nullptr;
         size_t got = 0;
-        if (!source.readSourceChunk(chunk.get(), want, got, log)) {
-            log.LogError("Failed to read from the data source.");
-            return false;
+        if (!source.lendSourceChunk(piece, want, got)) {
+            if (!chunk) chunk.reset(new (std::nothrow) unsigned char[want]);  // the largest ask
+            if (!chunk) {
+                log.LogError("Out of memory.");
+                return false;
+            }
+            if (!source.readSourceChunk(chunk.get(), want, got, log)) {
+                log.LogError("Failed to read from the data source.");
+                return false;
+            }
+            piece = chunk.get();
         }
         if (got == 0) {
             log.LogError("The data source ended before all bytes were sent.");
@@ -243,7 +246,7 @@ bool ClsSsh::channelSendNFromSource(int channel, _vqDataSource& source, long lon
             return false;
         }
         got = std::min(got, want);
-        if (!writeAll(channel, chunk.get(), got, sp, log)) return false;
+        if (!writeAll(channel, piece, got, sp, log)) return false;
         remaining -= static_cast<long long>(got);
         if (pm && pm->consumeProgress(static_cast<int64_t>(got), &log)) {
             sp.spAbortCheck(log);
