@@ -271,7 +271,6 @@ bool ClsSsh::channelReadNToOutput(int channel, long long numBytes, _vqOutput& ou
 
 bool ClsSsh::readIntoOutput(SshChannel& ch, long long numBytes, _vqOutput& out, SocketParams& sp,
                             LogBase& log) {
-    std::shared_ptr<SshTransport> t = m_table->transport();
     const int idleTimeoutMs = get_StallTimeoutMs();
     ProgressMonitor* pm = sp.m_progressMonitor;
     BulkRead bulk(*m_table, numBytes >= kBulkBytes);
@@ -322,11 +321,7 @@ bool ClsSsh::readIntoOutput(SshChannel& ch, long long numBytes, _vqOutput& out, 
         if (aborted) return false;
         ch.consume(piece);
         remaining -= static_cast<long long>(piece);
-        if (ch.heldFits() && t) {
-            lock.unlock();
-            t->redeliver(ch.id);
-            lock.lock();
-        }
+        m_table->takeBackHeld(lock, ch);
         if (!written) {
             lock.unlock();
             logOutputFailure(sp, log);
@@ -384,6 +379,7 @@ void ClsSsh::getReceivedData(int channel, DataBuffer& out, LogBase& log) {
     size_t n = ch->data.size();
     bool copied = ch->data.copyTo(n, out);
     ch->consume(n);
+    m_table->takeBackHeld(lock, *ch);
     lock.unlock();
     if (!copied) log.LogError("Out of memory.");
 }
@@ -400,6 +396,7 @@ bool ClsSsh::getReceivedDataThrough(int channel, char delimiter, DataBuffer& out
         return false;
     }
     ch->consume(n);
+    m_table->takeBackHeld(lock, *ch);
     return true;
 }
 
@@ -456,8 +453,7 @@ bool ClsSsh::channelSendClose(int channel, SocketParams& sp, LogBase& log) {
 bool ClsSsh::channelReceiveUntilCondition(int channel, unsigned condition, SshReadParams& rp,
                                           SocketParams& sp, LogBase& log) {
     std::shared_ptr<SshChannel> ch = channelFor(*m_table, channel, &log);
-    std::shared_ptr<SshTransport> t = m_table->transport();
-    if (!ch || !t) return false;
+    if (!ch) return false;
     if (condition != 1) {
         log.LogError("Unsupported receive condition.");
         log.LogDataLong("condition", static_cast<int32_t>(condition));
@@ -468,11 +464,6 @@ bool ClsSsh::channelReceiveUntilCondition(int channel, unsigned condition, SshRe
     // A peer that keeps talking until it closes cannot grow memory without
     // end: beyond the channel's buffer, what arrives is dropped.
     ch->discardOverflow = true;
-    if (ch->transportHolds()) {
-        lock.unlock();
-        t->redeliver(channel);
-        lock.lock();
-    }
     WaitEnd end =
         m_table->waitUntil(lock, *ch, idleTimeoutMs, sp, log, [&] { return ch->closeReceived(); });
     bool closeDue = end == WaitEnd::Done && ch->learnEnd();
