@@ -320,7 +320,7 @@ bool ClsSsh::readIntoOutput(SshChannel& ch, long long numBytes, _vqOutput& out, 
         if (aborted) return false;
         ch.consume(piece);
         remaining -= static_cast<long long>(piece);
-        if (ch.transportHolds() && t) {
+        if (ch.heldFits() && t) {
             lock.unlock();
             t->redeliver(ch.id);
             lock.lock();

@@ -45,6 +45,13 @@ class SshChannel : public ChannelInbox {
     bool closeArrived() const { return m_closeArrived; }
     // Bytes the transport keeps because the channel had no room.
     bool transportHolds() const { return m_held > 0; }
+    // Whether they should be taken back now: when all of them fit, or the
+    // reader has nothing else. libssh reopens the peer's window on every
+    // read, so taking them a part at a time while the reader lags would let
+    // the peer send without end.
+    bool heldFits() const {
+        return m_held > 0 && (m_held <= data.room(!readerBusy) || data.size() == 0);
+    }
     // A read found nothing more to take: the EOF and CLOSE that have come
     // become known to the channel's user (its queries and SocketParams),
     // never earlier, so what a transfer sees does not depend on how soon the

@@ -2,9 +2,12 @@
 // CLOSE, the server's session limit, and stall timeouts.
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <fstream>
 #include <string>
 #include <thread>
 
+#include <scpkit/base/Output.h>
 #include <scpkit/scp/ClsScp.h>
 #include "tests/integration/ssh_test_util.h"
 
@@ -82,6 +85,44 @@ TEST(SshChannel, SessionLimitTakesBackOnlyFinishedChannels) {
     EXPECT_TRUE(ssh.channelSendData(waiting, go, sp, log)) << renderedLog(log);
     waiter.join();
     EXPECT_EQ(waited, "got:go");
+}
+
+long residentKb() {
+    std::ifstream status("/proc/self/status");
+    std::string key;
+    long kb = 0;
+    while (status >> key && key != "VmRSS:") status.ignore(1 << 10, '\n');
+    status >> kb;
+    return kb;
+}
+
+// A reader slower than the network: what waits for it stays bounded (the
+// rest waits at the server), and every byte arrives.
+TEST(SshChannel, SlowReaderHoldsBoundedMemory) {
+    REQUIRE_SSHD(sshd);
+    ClsSsh ssh;
+    ASSERT_TRUE(sshd.connectAndLogin(ssh)) << lastErrorText(ssh);
+    struct SlowOutput : _vqOutput {
+        long long received = 0;
+        long peakKb = 0;
+        void resetOutput(LogBase&) override {}
+        bool writeImpl(const unsigned char*, size_t n, LogBase&) override {
+            received += static_cast<long long>(n);
+            std::this_thread::sleep_for(std::chrono::microseconds(n / 32));
+            peakKb = std::max(peakKb, residentKb());
+            return true;
+        }
+    } out;
+    _vqLogger log;
+    SocketParams sp(nullptr);
+    XString cmd("head -c 100000000 /dev/zero");
+    const int ch = ssh.openSessionChannel(sp, log);
+    const long before = residentKb();
+    ASSERT_TRUE(ch >= 0 && ssh.sendReqExec(ch, cmd, sp, log) &&
+                ssh.channelReadNToOutput(ch, 100000000, out, sp, log))
+        << renderedLog(log);
+    EXPECT_EQ(out.received, 100000000);
+    EXPECT_LT(out.peakKb - before, 16 * 1024);
 }
 
 // Reads, window-bound writes and waits for CLOSE on a command that neither
