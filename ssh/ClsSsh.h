@@ -21,6 +21,7 @@ class ChannelTable;
 class LibsshTransport;
 class LibsshTunnel;
 struct JumpHost;
+enum class JumpHostOutcome;
 struct LibsshConnectSettings;
 struct LibsshRoute;
 class SshChannel;
@@ -157,7 +158,7 @@ class ClsSsh : public ClsBase, public RefCountedObject {
     bool connectThroughJumps(const std::vector<JumpHost>& hops, const std::string& host, int port,
                              LibsshRoute& route);
     // Connects over `socketFd` (-1: TCP), checks the key and logs in.
-    bool connectJumpHost(const JumpHost& hop, LibsshTransport& session, int socketFd);
+    JumpHostOutcome connectJumpHost(const JumpHost& hop, LibsshTransport& session, int socketFd);
     void setLoginFacts(LibsshTransport* session);
     void notifyExec(const XString& command);
     // Sends every byte, waiting for the peer's window as needed.
@@ -173,11 +174,12 @@ class ClsSsh : public ClsBase, public RefCountedObject {
     // The connection Connect made, for logging in; null with a test transport.
     // Changed and used under m_critSec.
     std::shared_ptr<LibsshTransport> m_session;
-    // A connection whose unknown host key awaits TrustServerKey; and the
-    // jump hosts' tunnels of the connection (each with its pump thread).
-    // Changed and used under m_critSec.
+    // A connection whose unknown host key awaits TrustServerKey; and what
+    // carries the connection through its jump hosts: their tunnels (each
+    // with its pump thread), or the ssh program. Changed and used under
+    // m_critSec.
     std::shared_ptr<LibsshTransport> m_unverified;
-    std::vector<std::shared_ptr<LibsshTunnel>> m_tunnels;
+    std::vector<std::shared_ptr<void>> m_jumpLinks;
 
     // Property values: read and written under m_propertyLock only, held just
     // long enough to copy a value in or out (ClsSshProperties.cpp).

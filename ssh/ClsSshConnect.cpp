@@ -174,7 +174,7 @@ bool ClsSsh::connectTo(const std::string& host, int port) {
     m_session.reset();
     m_unverified.reset();
     m_table->attach(nullptr);
-    m_tunnels.clear();
+    m_jumpLinks.clear();
     setConnectionFacts("", "", "");
     {
         std::lock_guard<std::mutex> lock(m_propertyLock);
@@ -252,7 +252,7 @@ void ClsSsh::Disconnect() {
     m_session.reset();
     m_unverified.reset();
     m_table->attach(nullptr);
-    m_tunnels.clear();
+    m_jumpLinks.clear();
     {
         std::lock_guard<std::mutex> lock(m_propertyLock);
         m_hostKeyUnknown = false;

@@ -1,11 +1,16 @@
 // ClsSsh: reaching the server through jump hosts, as ssh's -J does. Each
 // jump host is connected, checked and logged in to here, and its channel
 // to the next host carries the next connection (LibsshTunnel). A jump host
-// that takes none of the keys at hand is left to the system's ssh program,
-// which can ask for a password or use what libssh cannot.
+// that takes none of the keys at hand is left to the system's ssh program
+// ("ssh -W"), which can ask for a password or use what libssh cannot.
+#include <signal.h>
+#include <spawn.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdlib>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -17,23 +22,11 @@
 #include <scpkit/ssh/LibsshTransport.h>
 #include <scpkit/ssh/LibsshTunnel.h>
 
+extern char** environ;
+
 namespace scpkit {
 
 namespace {
-
-// Quoted for /bin/sh, with libssh's own '%' escapes doubled.
-std::string commandWord(const std::string& word) {
-    std::string out = "'";
-    for (char c : word) {
-        if (c == '\'')
-            out += "'\\''";
-        else if (c == '%')
-            out += "%%";
-        else
-            out += c;
-    }
-    return out + "'";
-}
 
 std::string findInPath(const char* program) {
     const char* path = std::getenv("PATH");
@@ -49,25 +42,66 @@ std::string findInPath(const char* program) {
     return "";
 }
 
-// "ssh -W" through the same hops, with the settings that matter for them.
-std::string systemSshCommand(const std::string& ssh, const std::vector<JumpHost>& hops,
-                             const LibsshConnectSettings& s, const std::string& policy) {
-    std::string command = commandWord(ssh);
-    if (!s.useSshConfig)
-        command += " -F none";
-    else if (!s.configFile.empty())
-        command += " -F " + commandWord(s.configFile);
+// "ssh -W host:port" through the same hops, with the settings that matter
+// for them.
+std::vector<std::string> systemSshArgs(const std::string& ssh, const std::vector<JumpHost>& hops,
+                                       const LibsshConnectSettings& s, const std::string& policy,
+                                       const std::string& host, int port) {
+    std::vector<std::string> args = {ssh};
+    if (!s.useSshConfig || !s.configFile.empty())
+        args.insert(args.end(), {"-F", s.useSshConfig ? s.configFile : "none"});
     if (!s.knownHostsPath.empty())
-        command += " -o " + commandWord("UserKnownHostsFile=" + s.knownHostsPath);
-    command += " -o " + commandWord("StrictHostKeyChecking=" + policy);
-    command += " -o ConnectTimeout=" + std::to_string((s.timeoutMs + 999) / 1000);
+        args.insert(args.end(), {"-o", "UserKnownHostsFile=" + s.knownHostsPath});
+    args.insert(args.end(), {"-o", "StrictHostKeyChecking=" + policy, "-o",
+                             "ConnectTimeout=" + std::to_string((s.timeoutMs + 999) / 1000)});
     std::string rest;
     for (size_t i = 1; i < hops.size(); ++i)
         rest += (rest.empty() ? "" : ",") + formatJumpHost(hops[i]);
-    if (!rest.empty()) command += " -J " + commandWord(rest);
-    if (!hops[0].user.empty()) command += " -l " + commandWord(hops[0].user);
-    if (hops[0].port > 0) command += " -p " + std::to_string(hops[0].port);
-    return command + " -W '[%h]:%p' " + commandWord(hops[0].host);
+    if (!rest.empty()) args.insert(args.end(), {"-J", rest});
+    if (!hops[0].user.empty()) args.insert(args.end(), {"-l", hops[0].user});
+    if (hops[0].port > 0) args.insert(args.end(), {"-p", std::to_string(hops[0].port)});
+    args.insert(args.end(), {"-W", "[" + host + "]:" + std::to_string(port), hops[0].host});
+    return args;
+}
+
+// The ssh program, its input and output one end of a socket pair (the
+// other is returned), its error output and terminal the caller's: what it
+// says and asks reaches the user. Stopped and reaped when released.
+std::shared_ptr<void> startSsh(const std::vector<std::string>& args, int& socketFd, LogBase& log) {
+    int sv[2];
+    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, sv) != 0) {
+        log.LogError("Cannot create a socket pair for the ssh program.");
+        return nullptr;
+    }
+    std::vector<char*> argv;
+    for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
+    argv.push_back(nullptr);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, sv[1], 0);
+    posix_spawn_file_actions_adddup2(&actions, sv[1], 1);
+    pid_t pid = -1;
+    int rc = posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    ::close(sv[1]);
+    if (rc != 0) {
+        ::close(sv[0]);
+        log.LogError("Cannot start the ssh program.");
+        log.LogData("osError", std::strerror(rc));
+        return nullptr;
+    }
+    socketFd = sv[0];
+    struct Process {
+        pid_t pid = -1;
+        ~Process() {
+            if (pid <= 0) return;
+            kill(pid, SIGTERM);
+            waitpid(pid, nullptr, 0);
+        }
+    };
+    auto process = std::make_shared<Process>();
+    process->pid = pid;
+    return process;
 }
 
 }  // namespace
@@ -89,16 +123,23 @@ bool ClsSsh::connectThroughJumps(const std::vector<JumpHost>& hops, const std::s
         LibsshTransport& s = *sessions[i];
         m_log.LogData("jumpHost",
                       formatJumpHost({hops[i].user, s.connectedHost(), s.connectedPort()}).c_str());
-        if (!connectJumpHost(hops[i], s, fd)) {
+        JumpHostOutcome outcome = connectJumpHost(hops[i], s, fd);
+        if (outcome != JumpHostOutcome::LoggedIn) {
             std::string ssh = findInPath("ssh");
-            if (ssh.empty() || !s.isConnected()) return false;
+            if (ssh.empty() || outcome != JumpHostOutcome::LoginRefused) return false;
             // Connected and trusted, but not logged in: ssh may do better.
-            m_tunnels.clear();
+            m_jumpLinks.clear();
             XString policy;
             get_StrictHostKeyChecking(policy);
-            route.proxyCommand = systemSshCommand(ssh, hops, settings[0], policy.getUtf8());
+            std::vector<std::string> args =
+                systemSshArgs(ssh, hops, settings[0], policy.getUtf8(), host, port);
+            std::string line;
+            for (const std::string& a : args) line += (line.empty() ? "" : " ") + a;
             m_log.LogInfo("The ssh program makes the jumps instead.");
-            return true;
+            m_log.LogData("sshCommand", line.c_str());
+            std::shared_ptr<void> process = startSsh(args, route.socketFd, m_log);
+            if (process) m_jumpLinks.push_back(process);
+            return process != nullptr;
         }
         bool last = i + 1 == hops.size();
         const std::string& nextHost = last ? host : sessions[i + 1]->connectedHost();
@@ -107,33 +148,37 @@ bool ClsSsh::connectThroughJumps(const std::vector<JumpHost>& hops, const std::s
             LibsshTunnel::open(sessions[i], nextHost, nextPort, m_log);
         if (!tunnel) return false;
         fd = tunnel->takeSocket();
-        m_tunnels.push_back(std::move(tunnel));
+        m_jumpLinks.push_back(std::shared_ptr<LibsshTunnel>(std::move(tunnel)));
     }
     route.socketFd = fd;
     return true;
 }
 
-bool ClsSsh::connectJumpHost(const JumpHost& hop, LibsshTransport& session, int socketFd) {
+JumpHostOutcome ClsSsh::connectJumpHost(const JumpHost& hop, LibsshTransport& session,
+                                        int socketFd) {
     LibsshRoute route;
     route.socketFd = socketFd;
-    if (!session.connect(route, m_log)) return false;
+    if (!session.connect(route, m_log)) return JumpHostOutcome::Failed;
     XString policy;
     get_StrictHostKeyChecking(policy);
     if (checkHostKey(session, policy.getUtf8(), "the jump host's", m_log) !=
         HostKeyVerdict::Trusted)
-        return false;
+        return JumpHostOutcome::Failed;
     std::string user = hop.user.empty() ? session.configUser() : hop.user;
     // The login's own lines stay apart: its failure is told as the jump
     // host's, with the details as one item.
     _vqLogger login;
     login.m_verboseLogging = m_log.m_verboseLogging;
     session.authMethods(user, login);
-    if (session.isAuthenticated() || session.authAuto(user, login) == AuthOutcome::Success)
-        return true;
-    LogFirstError why;
-    login.firstError(why);
+    bool in = session.isAuthenticated() || session.authAuto(user, login) == AuthOutcome::Success;
     std::string rendered;
     login.renderText(rendered);
+    if (in) {
+        if (m_log.m_verboseLogging) m_log.LogData("jumpHostLogin", rendered.c_str());
+        return JumpHostOutcome::LoggedIn;
+    }
+    LogFirstError why;
+    login.firstError(why);
     // The first error of the call even when the ssh program takes over:
     // if that fails too, this is the reason to tell.
     std::string text = "Cannot log in to the jump host " + session.connectedHost() + " as " + user +
@@ -141,7 +186,7 @@ bool ClsSsh::connectJumpHost(const JumpHost& hop, LibsshTransport& session, int 
     if (findInPath("ssh").empty()) text += " There is no ssh program to try otherwise.";
     m_log.LogError(text.c_str());
     m_log.LogData("jumpHostLogin", rendered.c_str());
-    return false;
+    return JumpHostOutcome::LoginRefused;
 }
 
 }  // namespace scpkit

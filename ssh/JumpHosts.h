@@ -14,6 +14,9 @@ struct JumpHost {
     int port = 0;      // 0: the config's Port for the host, else 22
 };
 
+// How far connecting to a jump host went.
+enum class JumpHostOutcome { LoggedIn, LoginRefused, Failed };
+
 // True when `text` is a well-formed list (empty and "none" give no hops);
 // otherwise `error` says what is wrong with which entry.
 bool parseJumpHosts(const std::string& text, std::vector<JumpHost>& hops, std::string& error);

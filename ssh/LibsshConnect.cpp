@@ -174,9 +174,6 @@ bool LibsshTransport::connect(const LibsshRoute& route, LogBase& log) {
             logSessionError("Failed to connect to the SSH server.", log);
             return false;
         }
-    } else if (!route.proxyCommand.empty()) {
-        ssh_options_set(m_session, SSH_OPTIONS_PROXYCOMMAND, route.proxyCommand.c_str());
-        log.LogData("proxyCommand", route.proxyCommand.c_str());
     }
     if (ssh_connect(m_session) != SSH_OK) {
         logSessionError("Failed to connect to the SSH server.", log);

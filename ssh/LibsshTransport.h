@@ -35,12 +35,11 @@ struct LibsshConnectSettings {
     std::string compression;     // "yes" or "no"; empty: the config's choice, else no
 };
 
-// How connect reaches the server: TCP to the prepared host and port, or a
-// socket (a jump host's tunnel, closed by the session from then on), or a
-// command whose input and output carry the connection.
+// How connect reaches the server: TCP to the prepared host and port (or
+// the config's ProxyCommand), or a socket carried through jump hosts, which
+// the session closes from then on.
 struct LibsshRoute {
     int socketFd = -1;
-    std::string proxyCommand;
 };
 
 enum class KnownHostState { Known, Unknown, Changed, OtherKeyType, Error };

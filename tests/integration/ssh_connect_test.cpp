@@ -162,7 +162,7 @@ TEST(SshConnect, ThroughJumpHosts) {
         ssh.put_SshConfigPath(config);
         ssh.put_ProxyJump(jumps);
         const bool ok = connect(ssh, c.host, c.host == "target" ? 0 : sshd.port(), c.knownHosts);
-        EXPECT_EQ(ok, c.ok);
+        EXPECT_EQ(ok, c.ok) << lastErrorText(ssh);
         expectLog(lastErrorText(ssh), {c.logged});
         if (ok) {
             EXPECT_TRUE(ssh.LoginAuto(user)) << lastErrorText(ssh);
