@@ -103,10 +103,12 @@ std::string keyTypeName(const std::string& type) {
     return name;
 }
 
-// As ssh asks about a server it has never seen: yes, no, or the fingerprint.
-bool userTrustsKey(ClsSsh& ssh, const std::string& where) {
+// As ssh asks about a host it has never seen (the server or a jump host):
+// yes, no, or the fingerprint.
+bool userTrustsKey(ClsSsh& ssh) {
     const std::string fingerprint = textOf(&ClsSsh::get_ServerKeySha256, ssh);
-    std::string question = "The authenticity of host '" + where + "' can't be established.\n" +
+    const std::string host = stripControlChars(textOf(&ClsSsh::get_ServerKeyHost, ssh));
+    std::string question = "The authenticity of host '" + host + "' can't be established.\n" +
                            keyTypeName(textOf(&ClsSsh::get_ServerKeyType, ssh)) +
                            " key fingerprint is " + fingerprint +
                            ".\nAre you sure you want to continue connecting "
@@ -208,9 +210,15 @@ int connectAndLogin(ClsSsh& ssh, const Options& options, CallLog& callLog, std::
     Login login{"", host, passphrase, password, canPrompt, o.verbose};
     // Port 0 lets ~/.ssh/config name the port (22 without one).
     bool connected = recorded(ssh, callLog, login, ssh.Connect(hostX, o.port));
-    if (!connected && ssh.get_HostKeyUnknown() && o.hostKeyCheck == "ask" && canPrompt &&
-        userTrustsKey(ssh, where))
-        connected = recorded(ssh, callLog, login, ssh.TrustServerKey());
+    // Each key added lets the connection go one host further (a jump host's,
+    // then the server's); a few rounds at most.
+    for (int round = 0; round < 8 && !connected && ssh.get_HostKeyUnknown() &&
+                        o.hostKeyCheck == "ask" && canPrompt;
+         ++round) {
+        if (!userTrustsKey(ssh) || !recorded(ssh, callLog, login, ssh.TrustServerKey())) break;
+        connected =
+            ssh.get_IsConnected() || recorded(ssh, callLog, login, ssh.Connect(hostX, o.port));
+    }
     if (!connected) {
         message = "cannot connect to " + where + reasonOf(ssh);
         return kExitConnection;

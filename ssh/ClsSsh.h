@@ -56,13 +56,15 @@ class ClsSsh : public ClsBase, public RefCountedObject {
     // one a line (encrypted, and no passphrase or a wrong one given).
     void get_KeysNeedingPassphrase(XString& paths);
 
-    // After a Connect refused only because the server's key is not in the
-    // known_hosts file (and not because another key is recorded), true
-    // until the next Connect or Disconnect: the connection waits for the
-    // application, which shows ServerKeySha256 and may call TrustServerKey.
+    // After a Connect refused only because the key of the server or of a
+    // jump host is not in the known_hosts file (and not because another key
+    // is recorded), true until the next Connect or Disconnect: the
+    // connection waits for the application, which shows ServerKeyHost and
+    // ServerKeySha256 and may call TrustServerKey.
     bool get_HostKeyUnknown();
-    // Adds the waiting connection's key to the known_hosts file and
-    // completes that connection, as answering "yes" to ssh does.
+    // Adds the waiting key to the known_hosts file, as answering "yes" to
+    // ssh does, and completes the connection when the key was the server's
+    // (IsConnected tells; a jump host's key: Connect again to go on).
     bool TrustServerKey();
 
     // Default: ~/.ssh/known_hosts.
@@ -75,6 +77,9 @@ class ClsSsh : public ClsBase, public RefCountedObject {
     // the key's type ("ssh-ed25519").
     void get_ServerKeySha256(XString& fingerprint);
     void get_ServerKeyType(XString& keyType);
+    // The host that presented that key, as known_hosts names it
+    // ("example.com", "[10.0.0.1]:2222").
+    void get_ServerKeyHost(XString& host);
     void put_ConnectTimeoutMs(int ms);  // default 30000
     int get_ConnectTimeoutMs();
     // Longest wait without progress in any channel operation; 0 waits forever.
@@ -158,15 +163,18 @@ class ClsSsh : public ClsBase, public RefCountedObject {
     bool connectThroughJumps(const std::vector<JumpHost>& hops, const std::string& host, int port,
                              LibsshRoute& route);
     // Connects over `socketFd` (-1: TCP), checks the key and logs in.
-    JumpHostOutcome connectJumpHost(const JumpHost& hop, LibsshTransport& session, int socketFd);
+    JumpHostOutcome connectJumpHost(const JumpHost& hop,
+                                    const std::shared_ptr<LibsshTransport>& session, int socketFd);
     void setLoginFacts(LibsshTransport* session);
     void notifyExec(const XString& command);
     // Sends every byte, waiting for the peer's window as needed.
     bool writeAll(int channel, const unsigned char* data, size_t numBytes, SocketParams& sp,
                   LogBase& log);
-    // What Connect learned: the server key's fingerprint and type, the user in effect.
-    void setConnectionFacts(const char* serverKeySha256, const char* keyType,
-                            const char* configUser);
+    // What Connect learned: the key of the session (the server's, or the
+    // jump host's that stopped it), and the user in effect.
+    void setConnectionFacts(LibsshTransport* session, const char* configUser);
+    // Keeps a session whose key is unknown for TrustServerKey.
+    void awaitTrust(const std::shared_ptr<LibsshTransport>& session, bool jumpHost);
     bool readIntoOutput(SshChannel& ch, long long numBytes, _vqOutput& out, SocketParams& sp,
                         LogBase& log);
 
@@ -179,6 +187,7 @@ class ClsSsh : public ClsBase, public RefCountedObject {
     // with its pump thread), or the ssh program. Changed and used under
     // m_critSec.
     std::shared_ptr<LibsshTransport> m_unverified;
+    bool m_unverifiedIsJump = false;
     std::vector<std::shared_ptr<void>> m_jumpLinks;
 
     // Property values: read and written under m_propertyLock only, held just
@@ -188,6 +197,7 @@ class ClsSsh : public ClsBase, public RefCountedObject {
     XString m_hostKeyPolicy;
     XString m_serverKeySha256;
     XString m_serverKeyType;
+    XString m_serverKeyHost;
     XString m_ciphers;
     XString m_configUser;
     XString m_sshConfigPath;

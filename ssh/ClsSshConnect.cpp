@@ -175,7 +175,7 @@ bool ClsSsh::connectTo(const std::string& host, int port) {
     m_unverified.reset();
     m_table->attach(nullptr);
     m_jumpLinks.clear();
-    setConnectionFacts("", "", "");
+    setConnectionFacts(nullptr, "");
     {
         std::lock_guard<std::mutex> lock(m_propertyLock);
         m_hostKeyUnknown = false;
@@ -202,24 +202,27 @@ bool ClsSsh::connectTo(const std::string& host, int port) {
         return false;
     if (!session->connect(route, m_log)) return false;
 
+    setConnectionFacts(session.get(), session->configUser().c_str());
     std::string fingerprint, keyType;
-    bool keyKnown = session->serverKeyFingerprint(fingerprint, keyType);
-    setConnectionFacts(fingerprint.c_str(), keyType.c_str(), session->configUser().c_str());
-    if (!keyKnown) {
+    if (!session->serverKeyFingerprint(fingerprint, keyType)) {
         m_log.LogError("The server presented no usable host key.");
         return false;
     }
     HostKeyVerdict verdict = checkHostKey(*session, policy.getUtf8(), "the server's", m_log);
-    if (verdict == HostKeyVerdict::Unknown) {
-        m_unverified = session;
-        std::lock_guard<std::mutex> lock(m_propertyLock);
-        m_hostKeyUnknown = true;
-    }
+    if (verdict == HostKeyVerdict::Unknown) awaitTrust(session, false);
     if (verdict != HostKeyVerdict::Trusted) return false;
     session->describeServer(m_log);
     m_session = session;
     m_table->attach(session);
     return true;
+}
+
+void ClsSsh::awaitTrust(const std::shared_ptr<LibsshTransport>& session, bool jumpHost) {
+    setConnectionFacts(session.get(), jumpHost ? "" : session->configUser().c_str());
+    m_unverified = session;
+    m_unverifiedIsJump = jumpHost;
+    std::lock_guard<std::mutex> lock(m_propertyLock);
+    m_hostKeyUnknown = true;
 }
 
 bool ClsSsh::TrustServerKey() {
@@ -229,11 +232,15 @@ bool ClsSsh::TrustServerKey() {
     if (!m_unverified || !m_unverified->isConnected()) {
         m_log.LogError("No connection waits for its host key: Connect first.");
     } else if (m_unverified->recordServerKey(m_log)) {
-        m_log.LogInfo("Added the server's host key to the known_hosts file.");
+        m_log.LogInfo(m_unverifiedIsJump
+                          ? "Added the jump host's key to the known_hosts file: Connect again."
+                          : "Added the server's host key to the known_hosts file.");
         logHostKey(*m_unverified, m_log);
-        m_unverified->describeServer(m_log);
-        m_session = std::move(m_unverified);
-        m_table->attach(m_session);
+        if (!m_unverifiedIsJump) {
+            m_unverified->describeServer(m_log);
+            m_session = std::move(m_unverified);
+            m_table->attach(m_session);
+        }
         ok = true;
     }
     m_unverified.reset();

@@ -123,7 +123,7 @@ bool ClsSsh::connectThroughJumps(const std::vector<JumpHost>& hops, const std::s
         LibsshTransport& s = *sessions[i];
         m_log.LogData("jumpHost",
                       formatJumpHost({hops[i].user, s.connectedHost(), s.connectedPort()}).c_str());
-        JumpHostOutcome outcome = connectJumpHost(hops[i], s, fd);
+        JumpHostOutcome outcome = connectJumpHost(hops[i], sessions[i], fd);
         if (outcome != JumpHostOutcome::LoggedIn) {
             std::string ssh = findInPath("ssh");
             if (ssh.empty() || outcome != JumpHostOutcome::LoginRefused) return false;
@@ -154,16 +154,18 @@ bool ClsSsh::connectThroughJumps(const std::vector<JumpHost>& hops, const std::s
     return true;
 }
 
-JumpHostOutcome ClsSsh::connectJumpHost(const JumpHost& hop, LibsshTransport& session,
+JumpHostOutcome ClsSsh::connectJumpHost(const JumpHost& hop,
+                                        const std::shared_ptr<LibsshTransport>& hopSession,
                                         int socketFd) {
+    LibsshTransport& session = *hopSession;
     LibsshRoute route;
     route.socketFd = socketFd;
     if (!session.connect(route, m_log)) return JumpHostOutcome::Failed;
     XString policy;
     get_StrictHostKeyChecking(policy);
-    if (checkHostKey(session, policy.getUtf8(), "the jump host's", m_log) !=
-        HostKeyVerdict::Trusted)
-        return JumpHostOutcome::Failed;
+    HostKeyVerdict verdict = checkHostKey(session, policy.getUtf8(), "the jump host's", m_log);
+    if (verdict == HostKeyVerdict::Unknown) awaitTrust(hopSession, true);
+    if (verdict != HostKeyVerdict::Trusted) return JumpHostOutcome::Failed;
     std::string user = hop.user.empty() ? session.configUser() : hop.user;
     // The login's own lines stay apart: its failure is told as the jump
     // host's, with the details as one item.

@@ -73,6 +73,11 @@ void ClsSsh::get_ServerKeyType(XString& keyType) {
     keyType.copyFromX(m_serverKeyType);
 }
 
+void ClsSsh::get_ServerKeyHost(XString& host) {
+    std::lock_guard<std::mutex> lock(m_propertyLock);
+    host.copyFromX(m_serverKeyHost);
+}
+
 bool ClsSsh::get_HostKeyUnknown() {
     std::lock_guard<std::mutex> lock(m_propertyLock);
     return m_hostKeyUnknown;
@@ -178,11 +183,17 @@ bool ClsSsh::get_StderrToStdout() {
     return m_stderrToStdout;
 }
 
-void ClsSsh::setConnectionFacts(const char* serverKeySha256, const char* keyType,
-                                const char* configUser) {
+void ClsSsh::setConnectionFacts(LibsshTransport* session, const char* configUser) {
+    std::string fingerprint, keyType, host;
+    if (session && session->serverKeyFingerprint(fingerprint, keyType)) {
+        int port = session->connectedPort();
+        host = port == 22 ? session->connectedHost()
+                          : "[" + session->connectedHost() + "]:" + std::to_string(port);
+    }
     std::lock_guard<std::mutex> lock(m_propertyLock);
-    m_serverKeySha256.setFromUtf8(serverKeySha256);
-    m_serverKeyType.setFromUtf8(keyType);
+    m_serverKeySha256.setFromUtf8(fingerprint.c_str());
+    m_serverKeyType.setFromUtf8(keyType.c_str());
+    m_serverKeyHost.setFromUtf8(host.c_str());
     m_configUser.setFromUtf8(configUser);
     m_authMethods.clear();
     m_lockedKeys.clear();

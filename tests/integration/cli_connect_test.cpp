@@ -72,7 +72,6 @@ TEST_F(CliConnect, OptionsConfigAndReasons) {
         {"-F D/enc.conf put D/f 127.0.0.1:D/r",
          3,
          {d + "enc is encrypted and no passphrase was given"}},
-        {"-F D/key.conf -i D/enc put D/f 127.0.0.1:D/r", 3, {"a passphrase is required"}},
         {"-F D/key.conf --known-hosts D/empty put D/f 127.0.0.1:D/r",
          3,
          {"key (ssh-ed25519 " + sshd->hostKeyFingerprint()}},
