@@ -159,6 +159,7 @@ bool ClsSsh::sendReqSetEnv(int channel, XString& name, XString& value, SocketPar
 bool ClsSsh::sendReqExec(int channel, XString& command, SocketParams& sp, LogBase& log) {
     std::shared_ptr<SshTransport> t = m_table->transport();
     if (!channelFor(*m_table, channel, &log) || !t || sp.spAbortCheck(log)) return false;
+    notifyExec(command);
     if (!t->exec(channel, command.getUtf8())) {
         log.LogError("The server refused to run the command.");
         log.LogDataX("command", command);

@@ -102,12 +102,19 @@ TEST(ScpObject, TransfersFailBeforeUseSsh) {
         {"DownloadBinaryEncoded",
          [&](ClsScp& s, XString& r) { return s.DownloadBinaryEncoded(r, cs, text); }},
         {"DownloadBd", [&](ClsScp& s, XString& r) { return s.DownloadBd(r, bd); }},
+        {"SyncTreeUpload",
+         [&](ClsScp& s, XString& r) { return s.SyncTreeUpload(local, r, 0, true); }},
+        {"SyncTreeDownload",
+         [&](ClsScp& s, XString& r) { return s.SyncTreeDownload(r, missing, 0, true); }},
     };
     for (const auto& [name, call] : calls) {
         SCOPED_TRACE(name);
         ClsScp scp;
-        XString remote("/remote/dir/file.txt");
+        XString remote("/remote/dir/file.txt"), stale("left from before");
+        scp.put_SyncedFiles(stale);
         EXPECT_FALSE(call(scp, remote));
+        // A tree synchronisation empties SyncedFiles first, even when it fails at once.
+        EXPECT_EQ(syncedFiles(scp).empty(), std::string(name).rfind("Sync", 0) == 0);
         EXPECT_STREQ(remote.getUtf8(), "/remote/dir/file.txt");
         std::string log = lastErrorText(scp);
         EXPECT_EQ(log.rfind(std::string(name) + ":\n", 0), 0u) << log;
