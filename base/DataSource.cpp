@@ -148,4 +148,12 @@ bool _vqMemoryDataSource::readSourceChunk(unsigned char* buf, size_t maxBytes, s
     return true;
 }
 
+bool _vqMemoryDataSource::lendSourceChunk(const unsigned char*& data, size_t maxBytes,
+                                          size_t& numRead) {
+    numRead = std::min(maxBytes, m_data.getSize() - m_pos);
+    data = m_data.getData2() + m_pos;
+    m_pos += numRead;
+    return true;
+}
+
 }  // namespace scpkit

@@ -19,6 +19,13 @@ class _vqDataSource {
     // Reads up to maxBytes into buf; numRead 0 means the end. False on error.
     virtual bool readSourceChunk(unsigned char* buf, size_t maxBytes, size_t& numRead,
                                  LogBase& log) = 0;
+    // A source whose bytes are in memory already lends the next ones
+    // instead of copying them (numRead as above; valid until the next call).
+    // False: this source only copies.
+    virtual bool lendSourceChunk(const unsigned char*& data, size_t maxBytes, size_t& numRead) {
+        (void)data, (void)maxBytes, (void)numRead;
+        return false;
+    }
 
     // When set, the bytes sent from this source count into the call's
     // progress monitor. Uploads set it just before they stream.
@@ -56,6 +63,7 @@ class _vqMemoryDataSource : public _vqDataSource {
     void takeDataBuffer(DataBuffer& buffer);
     bool readSourceChunk(unsigned char* buf, size_t maxBytes, size_t& numRead,
                          LogBase& log) override;
+    bool lendSourceChunk(const unsigned char*& data, size_t maxBytes, size_t& numRead) override;
 
   private:
     DataBuffer m_data;

@@ -2,9 +2,12 @@
 
 #include <algorithm>
 
+#include <scpkit/ssh/JumpHosts.h>
+
 #include "cli/EnvJson.h"
 #include "cli/NumberArguments.h"
 #include "cli/RemoteGlob.h"
+#include "cli/SshOptions.h"
 #include "cli/SyncModes.h"
 
 namespace scpkit::cli {
@@ -105,8 +108,9 @@ std::string checkPaths(const Arguments& a, Options& o) {
     return "";
 }
 
-std::string checkConnection(const ConnectionArguments& a, ConnectionOptions& c) {
-    std::string error;
+std::string checkConnection(ConnectionArguments a, ConnectionOptions& c) {
+    std::string error = applySshOptions(a);
+    if (!error.empty()) return error;
     int64_t n = 0;
     if (!a.port.empty()) {
         if (!parseWholeNumber(a.port, "--port", 1, 65535, n, error)) return error;
@@ -128,19 +132,31 @@ std::string checkConnection(const ConnectionArguments& a, ConnectionOptions& c) 
         return "--password-env and --identity are two ways to log in: give one";
     }
     if (!a.hostKeyCheck.empty()) {
-        if (a.hostKeyCheck != "yes" && a.hostKeyCheck != "accept-new" && a.hostKeyCheck != "no")
-            return "--host-key-check wants yes, accept-new or no, got '" + a.hostKeyCheck + "'";
-        c.hostKeyCheck = a.hostKeyCheck;
+        const std::string& h = a.hostKeyCheck;
+        if (h != "ask" && h != "yes" && h != "accept-new" && h != "no")
+            return "--host-key-check wants ask, yes, accept-new or no, got '" + h + "'";
+        c.hostKeyCheck = h;
     }
     if (a.cipher.find_first_of(" \t") != std::string::npos) {
         return "--cipher wants names separated by commas, got '" + a.cipher + "'";
     }
+    std::vector<JumpHost> hops;
+    if (!parseJumpHosts(a.jump, hops, error)) return "-J: " + error;
+    if (!a.configFile.empty() && a.noSshConfig) {
+        return "--ssh-config and --no-ssh-config contradict each other";
+    }
+    c.user = a.user;
+    c.jumpHosts = a.jump;
+    c.configFile = a.configFile == "none" ? "" : a.configFile;
+    c.compression = a.compress ? "yes" : a.compression;
+    c.batchMode = a.batchMode;
+    c.verbose = a.verbose;
     c.identity = a.identity;
     c.passphraseEnv = a.passphraseEnv;
     c.passwordEnv = a.passwordEnv;
     c.knownHosts = a.knownHosts;
     c.ciphers = a.cipher;
-    c.useSshConfig = !a.noSshConfig;
+    c.useSshConfig = !a.noSshConfig && a.configFile != "none";
     return "";
 }
 

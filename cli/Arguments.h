@@ -16,7 +16,13 @@ struct ConnectionArguments {
     std::string port, connectTimeout, stallTimeout;  // numbers as typed; empty: not given
     std::string identity, passphraseEnv, passwordEnv;
     std::string knownHosts, hostKeyCheck, cipher;
+    std::string jump, configFile;
+    std::vector<std::string> sshOptions;  // -o Name=value, as typed
+    std::string user, compression;        // from -o only
     bool noSshConfig = false;
+    bool compress = false;
+    bool batchMode = false;  // from -o only
+    bool verbose = false;
 };
 
 struct Arguments {

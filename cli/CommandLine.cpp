@@ -47,7 +47,7 @@ void declareConnectionOptions(CLI::App& app, ConnectionArguments& c) {
         ->group(g)
         ->type_name("FILE");
     app.add_option("--host-key-check", c.hostKeyCheck,
-                   "yes (default), accept-new (remember unknown hosts) or no")
+                   "ask (default: a terminal may accept a new key), yes, accept-new or no")
         ->group(g)
         ->type_name("POLICY");
     app.add_flag("--no-ssh-config", c.noSshConfig, "Do not read ~/.ssh/config")->group(g);
@@ -62,6 +62,18 @@ void declareConnectionOptions(CLI::App& app, ConnectionArguments& c) {
                    "Fail when no data moves for this many seconds (0: never)")
         ->group(g)
         ->type_name("SECONDS");
+    app.add_option("-J,--jump", c.jump, "Connect through these jump hosts ([user@]host[:port],...)")
+        ->group(g)
+        ->type_name("HOSTS");
+    app.add_option("-F,--ssh-config", c.configFile, "Read this ssh config file, not ~/.ssh/config")
+        ->group(g)
+        ->type_name("FILE");
+    addList(app, "-o,--ssh-option", c.sshOptions,
+            "An ssh option as ssh -o takes it (Port, User, IdentityFile, ...)", g, "NAME=VALUE");
+    app.add_flag("-C,--compress", c.compress, "Compress the connection")->group(g);
+    app.add_flag("-v,--verbose", c.verbose,
+                 "Show how connecting and logging in go, and the remote commands")
+        ->group(g);
 }
 
 void declareTreeOptions(CLI::App& app, Arguments& a) {

@@ -17,14 +17,20 @@ enum class ProgressChoice { Auto, Always, Never };
 // How to reach the server and log in; applied to the SSH object before it
 // connects. New connection settings go here and in ConnectionArguments.
 struct ConnectionOptions {
-    int port = 0;  // 0: not given (ssh config, else 22)
+    int port = 0;      // 0: not given (ssh config, else 22)
+    std::string user;  // -o User: when the argument names none (else ssh config, local user)
     std::string identity;
     std::string passphraseEnv;
     std::string passwordEnv;
     std::string knownHosts;
-    std::string hostKeyCheck = "yes";
-    std::string ciphers;  // empty: the library's choice
+    std::string hostKeyCheck = "ask";  // ask: as yes, but a terminal may accept a new key
+    std::string ciphers;               // empty: the library's choice
+    std::string jumpHosts;             // -J: empty for none (or the config's ProxyJump)
+    std::string configFile;            // -F: instead of ~/.ssh/config
+    std::string compression;           // "yes", "no", or empty: the config's choice
     bool useSshConfig = true;
+    bool batchMode = false;     // never ask anything on the terminal
+    bool verbose = false;       // -v: say how the connection and the login go
     int connectTimeoutMs = -1;  // -1: the library's default
     int stallTimeoutMs = -1;
 };

@@ -8,6 +8,29 @@
 
 namespace scpkit::cli {
 
+namespace {
+
+// One line from `fd`, without its end.
+bool readLine(int fd, std::string& line) {
+    for (;;) {
+        char c;
+        ssize_t n = ::read(fd, &c, 1);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return false;
+        if (c == '\n' || c == '\r') return true;
+        line += c;
+    }
+}
+
+}  // namespace
+
+bool readAnswer(int fd, const std::string& prompt, std::string& answer) {
+    answer.clear();
+    if (!isatty(fd)) return false;
+    (void)!::write(2, prompt.data(), prompt.size());
+    return readLine(fd, answer);
+}
+
 bool readPassword(int fd, const std::string& prompt, std::string& password) {
     password.clear();
     struct termios saved;
@@ -22,18 +45,7 @@ bool readPassword(int fd, const std::string& prompt, std::string& password) {
     tcsetattr(fd, TCSAFLUSH, &quiet);
     (void)!::write(2, prompt.data(), prompt.size());
 
-    bool gotLine = false;
-    for (;;) {
-        char c;
-        ssize_t n = ::read(fd, &c, 1);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) break;
-        if (c == '\n' || c == '\r') {
-            gotLine = true;
-            break;
-        }
-        password += c;
-    }
+    bool gotLine = readLine(fd, password);
     tcsetattr(fd, TCSANOW, &saved);
     forgetTerminalSettings();
     return gotLine;

@@ -188,6 +188,14 @@ void ChannelTable::settle() {
     for (int id : toFree) transport->releaseChannel(id);
 }
 
+void ChannelTable::takeBackHeld(Lock& lock, SshChannel& ch) {
+    std::shared_ptr<SshTransport> transport = m_transport;
+    if (!ch.heldFits() || !transport || ch.detached) return;
+    lock.unlock();
+    transport->redeliver(ch.id);
+    lock.lock();
+}
+
 void ChannelTable::delivered(SshChannel& ch, bool wakeWaiters) {
     if (!wakeWaiters) return;
     if (ch.waiters > 0) ch.wake.notify_all();

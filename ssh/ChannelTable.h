@@ -65,6 +65,11 @@ class ChannelTable {
     WaitEnd waitUntil(Lock& lock, SshChannel& ch, int idleTimeoutMs, SocketParams& sp, LogBase& log,
                       Done done);
 
+    // With the lock held: takes back what the transport holds for the
+    // channel once it should (SshChannel::heldFits). Every consuming and
+    // waiting operation does, so held bytes never wait for new traffic.
+    void takeBackHeld(Lock& lock, SshChannel& ch);
+
     // A bulk read on some channel begins or ends.
     void beginBulk();
     void endBulk();
@@ -121,6 +126,7 @@ ChannelTable::WaitEnd ChannelTable::waitUntil(Lock& lock, SshChannel& ch, int id
     Clock::time_point lastMove = Clock::now();
     uint64_t seen = ch.activity;
     for (;;) {
+        takeBackHeld(lock, ch);
         if (done()) {
             passTurn();  // this thread may have been woken to pump
             return WaitEnd::Done;

@@ -159,6 +159,7 @@ bool ClsSsh::sendReqSetEnv(int channel, XString& name, XString& value, SocketPar
 bool ClsSsh::sendReqExec(int channel, XString& command, SocketParams& sp, LogBase& log) {
     std::shared_ptr<SshTransport> t = m_table->transport();
     if (!channelFor(*m_table, channel, &log) || !t || sp.spAbortCheck(log)) return false;
+    notifyExec(command);
     if (!t->exec(channel, command.getUtf8())) {
         log.LogError("The server refused to run the command.");
         log.LogDataX("command", command);
@@ -220,21 +221,24 @@ bool ClsSsh::channelSendNFromSource(int channel, _vqDataSource& source, long lon
         log.LogDataInt64("numBytes", numBytes);
         return false;
     }
-    const size_t chunkSize = static_cast<size_t>(std::min<long long>(numBytes, kChunkSize));
-    std::unique_ptr<unsigned char[]> chunk(
-        new (std::nothrow) unsigned char[chunkSize ? chunkSize : 1]);
-    if (!chunk) {
-        log.LogError("Out of memory.");
-        return false;
-    }
+    std::unique_ptr<unsigned char[]> chunk;  // for sources that only copy
     ProgressMonitor* pm = source.m_reportsProgress ? sp.m_progressMonitor : nullptr;
     long long remaining = numBytes;
     while (remaining > 0) {
         size_t want = static_cast<size_t>(std::min<long long>(remaining, kChunkSize));
+        const unsigned char* piece = nullptr;
         size_t got = 0;
-        if (!source.readSourceChunk(chunk.get(), want, got, log)) {
-            log.LogError("Failed to read from the data source.");
-            return false;
+        if (!source.lendSourceChunk(piece, want, got)) {
+            if (!chunk) chunk.reset(new (std::nothrow) unsigned char[want]);  // the largest ask
+            if (!chunk) {
+                log.LogError("Out of memory.");
+                return false;
+            }
+            if (!source.readSourceChunk(chunk.get(), want, got, log)) {
+                log.LogError("Failed to read from the data source.");
+                return false;
+            }
+            piece = chunk.get();
         }
         if (got == 0) {
             log.LogError("The data source ended before all bytes were sent.");
@@ -243,7 +247,7 @@ bool ClsSsh::channelSendNFromSource(int channel, _vqDataSource& source, long lon
             return false;
         }
         got = std::min(got, want);
-        if (!writeAll(channel, chunk.get(), got, sp, log)) return false;
+        if (!writeAll(channel, piece, got, sp, log)) return false;
         remaining -= static_cast<long long>(got);
         if (pm && pm->consumeProgress(static_cast<int64_t>(got), &log)) {
             sp.spAbortCheck(log);
@@ -268,7 +272,6 @@ bool ClsSsh::channelReadNToOutput(int channel, long long numBytes, _vqOutput& ou
 
 bool ClsSsh::readIntoOutput(SshChannel& ch, long long numBytes, _vqOutput& out, SocketParams& sp,
                             LogBase& log) {
-    std::shared_ptr<SshTransport> t = m_table->transport();
     const int idleTimeoutMs = get_StallTimeoutMs();
     ProgressMonitor* pm = sp.m_progressMonitor;
     BulkRead bulk(*m_table, numBytes >= kBulkBytes);
@@ -319,11 +322,7 @@ bool ClsSsh::readIntoOutput(SshChannel& ch, long long numBytes, _vqOutput& out, 
         if (aborted) return false;
         ch.consume(piece);
         remaining -= static_cast<long long>(piece);
-        if (ch.heldFits() && t) {
-            lock.unlock();
-            t->redeliver(ch.id);
-            lock.lock();
-        }
+        m_table->takeBackHeld(lock, ch);
         if (!written) {
             lock.unlock();
             logOutputFailure(sp, log);
@@ -381,6 +380,7 @@ void ClsSsh::getReceivedData(int channel, DataBuffer& out, LogBase& log) {
     size_t n = ch->data.size();
     bool copied = ch->data.copyTo(n, out);
     ch->consume(n);
+    m_table->takeBackHeld(lock, *ch);
     lock.unlock();
     if (!copied) log.LogError("Out of memory.");
 }
@@ -397,6 +397,7 @@ bool ClsSsh::getReceivedDataThrough(int channel, char delimiter, DataBuffer& out
         return false;
     }
     ch->consume(n);
+    m_table->takeBackHeld(lock, *ch);
     return true;
 }
 
@@ -453,8 +454,7 @@ bool ClsSsh::channelSendClose(int channel, SocketParams& sp, LogBase& log) {
 bool ClsSsh::channelReceiveUntilCondition(int channel, unsigned condition, SshReadParams& rp,
                                           SocketParams& sp, LogBase& log) {
     std::shared_ptr<SshChannel> ch = channelFor(*m_table, channel, &log);
-    std::shared_ptr<SshTransport> t = m_table->transport();
-    if (!ch || !t) return false;
+    if (!ch) return false;
     if (condition != 1) {
         log.LogError("Unsupported receive condition.");
         log.LogDataLong("condition", static_cast<int32_t>(condition));
@@ -465,11 +465,6 @@ bool ClsSsh::channelReceiveUntilCondition(int channel, unsigned condition, SshRe
     // A peer that keeps talking until it closes cannot grow memory without
     // end: beyond the channel's buffer, what arrives is dropped.
     ch->discardOverflow = true;
-    if (ch->transportHolds()) {
-        lock.unlock();
-        t->redeliver(channel);
-        lock.lock();
-    }
     WaitEnd end =
         m_table->waitUntil(lock, *ch, idleTimeoutMs, sp, log, [&] { return ch->closeReceived(); });
     bool closeDue = end == WaitEnd::Done && ch->learnEnd();

@@ -68,6 +68,21 @@ void ClsSsh::get_ServerKeySha256(XString& fingerprint) {
     fingerprint.copyFromX(m_serverKeySha256);
 }
 
+void ClsSsh::get_ServerKeyType(XString& keyType) {
+    std::lock_guard<std::mutex> lock(m_propertyLock);
+    keyType.copyFromX(m_serverKeyType);
+}
+
+void ClsSsh::get_ServerKeyHost(XString& host) {
+    std::lock_guard<std::mutex> lock(m_propertyLock);
+    host.copyFromX(m_serverKeyHost);
+}
+
+bool ClsSsh::get_HostKeyUnknown() {
+    std::lock_guard<std::mutex> lock(m_propertyLock);
+    return m_hostKeyUnknown;
+}
+
 void ClsSsh::put_ConnectTimeoutMs(int ms) {
     std::lock_guard<std::mutex> lock(m_propertyLock);
     m_connectTimeoutMs = ms > 0 ? ms : kDefaultConnectTimeoutMs;
@@ -98,6 +113,50 @@ bool ClsSsh::get_UseSshConfig() {
     return m_useSshConfig;
 }
 
+void ClsSsh::put_SshConfigPath(XString& path) {
+    std::string value = trimmed(path);
+    std::lock_guard<std::mutex> lock(m_propertyLock);
+    m_sshConfigPath.setFromUtf8(value.c_str());
+}
+
+void ClsSsh::get_SshConfigPath(XString& path) {
+    std::lock_guard<std::mutex> lock(m_propertyLock);
+    path.copyFromX(m_sshConfigPath);
+}
+
+void ClsSsh::put_ProxyJump(XString& jumpHosts) {
+    std::string value = trimmed(jumpHosts);
+    std::lock_guard<std::mutex> lock(m_propertyLock);
+    m_proxyJump.setFromUtf8(value.c_str());
+}
+
+void ClsSsh::get_ProxyJump(XString& jumpHosts) {
+    std::lock_guard<std::mutex> lock(m_propertyLock);
+    jumpHosts.copyFromX(m_proxyJump);
+}
+
+void ClsSsh::put_Compression(XString& compression) {
+    std::string value = trimmed(compression);
+    if (value != "yes" && value != "no" && !value.empty()) return;
+    std::lock_guard<std::mutex> lock(m_propertyLock);
+    m_compression.setFromUtf8(value.c_str());
+}
+
+void ClsSsh::get_Compression(XString& compression) {
+    std::lock_guard<std::mutex> lock(m_propertyLock);
+    compression.copyFromX(m_compression);
+}
+
+void ClsSsh::get_AuthMethods(XString& methods) {
+    std::lock_guard<std::mutex> lock(m_propertyLock);
+    methods.copyFromX(m_authMethods);
+}
+
+void ClsSsh::get_KeysNeedingPassphrase(XString& paths) {
+    std::lock_guard<std::mutex> lock(m_propertyLock);
+    paths.copyFromX(m_lockedKeys);
+}
+
 void ClsSsh::put_Ciphers(XString& ciphers) {
     std::string value = trimmed(ciphers);
     std::lock_guard<std::mutex> lock(m_propertyLock);
@@ -124,10 +183,45 @@ bool ClsSsh::get_StderrToStdout() {
     return m_stderrToStdout;
 }
 
-void ClsSsh::setConnectionFacts(const char* serverKeySha256, const char* configUser) {
+void ClsSsh::setConnectionFacts(LibsshTransport* session, const char* configUser) {
+    std::string fingerprint, keyType, host;
+    if (session && session->serverKeyFingerprint(fingerprint, keyType)) {
+        int port = session->connectedPort();
+        host = port == 22 ? session->connectedHost()
+                          : "[" + session->connectedHost() + "]:" + std::to_string(port);
+    }
     std::lock_guard<std::mutex> lock(m_propertyLock);
-    m_serverKeySha256.setFromUtf8(serverKeySha256);
+    m_serverKeySha256.setFromUtf8(fingerprint.c_str());
+    m_serverKeyType.setFromUtf8(keyType.c_str());
+    m_serverKeyHost.setFromUtf8(host.c_str());
     m_configUser.setFromUtf8(configUser);
+    m_authMethods.clear();
+    m_lockedKeys.clear();
+}
+
+void ClsSsh::setExecObserver(std::function<void(const std::string&)> observer) {
+    std::lock_guard<std::mutex> lock(m_propertyLock);
+    m_execObserver = std::move(observer);
+}
+
+void ClsSsh::notifyExec(const XString& command) {
+    std::function<void(const std::string&)> observer;
+    {
+        std::lock_guard<std::mutex> lock(m_propertyLock);
+        observer = m_execObserver;
+    }
+    if (observer) observer(command.getUtf8());
+}
+
+void ClsSsh::setLoginFacts(LibsshTransport* session) {
+    std::string methods, locked;
+    if (session) {
+        methods = session->authMethodsKnown();
+        for (const std::string& key : session->keysWantingPassphrase()) locked += key + "\n";
+    }
+    std::lock_guard<std::mutex> lock(m_propertyLock);
+    m_authMethods.setFromUtf8(methods.c_str());
+    m_lockedKeys.setFromUtf8(locked.c_str());
 }
 
 }  // namespace scpkit

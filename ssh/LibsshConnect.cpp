@@ -8,6 +8,7 @@
 #include <vector>
 
 #include <scpkit/base/LogBase.h>
+#include <scpkit/ssh/JumpHosts.h>
 #include <scpkit/ssh/LibsshTransport.h>
 
 namespace scpkit {
@@ -17,14 +18,16 @@ const char* const LibsshTransport::kDefaultCiphers =
     "aes128-ctr,aes256-ctr";
 
 std::string LibsshTransport::userHomeDir() {
-    const char* home = getenv("HOME");
-    if (home && home[0] == '/') return home;
+    // As ssh does: the account's entry decides, so a HOME changed by sudo or
+    // a wrapper does not send the program to another user's keys.
     std::vector<char> buf(16384);
     struct passwd pw;
     struct passwd* found = nullptr;
-    if (getpwuid_r(geteuid(), &pw, buf.data(), buf.size(), &found) == 0 && found && found->pw_dir)
+    if (getpwuid_r(getuid(), &pw, buf.data(), buf.size(), &found) == 0 && found && found->pw_dir &&
+        found->pw_dir[0] == '/')
         return found->pw_dir;
-    return "";
+    const char* home = getenv("HOME");
+    return home && home[0] == '/' ? home : "";
 }
 
 std::string LibsshTransport::localUserName() {
@@ -62,13 +65,21 @@ bool LibsshTransport::applyOptions(const LibsshConnectSettings& settings, LogBas
     if (!settings.sshDir.empty() &&
         !setOption(SSH_OPTIONS_SSH_DIR, settings.sshDir.c_str(), "SshDir"))
         return false;
-    // The fast default goes first so that a Ciphers line of the config wins over it.
+    // Defaults go first so that the config's lines win over them.
     if (!setOption(SSH_OPTIONS_CIPHERS_C_S, kDefaultCiphers, "Ciphers") ||
         !setOption(SSH_OPTIONS_CIPHERS_S_C, kDefaultCiphers, "Ciphers"))
         return false;
-    if (settings.useSshConfig && ssh_options_parse_config(m_session, nullptr) != SSH_OK) {
-        logSessionError("Failed to read the SSH config file.", log);
-        return false;
+    if (settings.useSshConfig) {
+        const char* file = settings.configFile.empty() ? nullptr : settings.configFile.c_str();
+        if (file && access(file, R_OK) != 0) {
+            log.LogError("The SSH config file cannot be read.");
+            log.LogData("configFile", file);
+            return false;
+        }
+        if (ssh_options_parse_config(m_session, file) != SSH_OK) {
+            logSessionError("Failed to read the SSH config file.", log);
+            return false;
+        }
     }
     // A port of 22 (or none) is the usual default; the config may then name another.
     bool portGiven = settings.port > 0 && !(settings.useSshConfig && settings.port == 22);
@@ -86,18 +97,54 @@ bool LibsshTransport::applyOptions(const LibsshConnectSettings& settings, LogBas
             return false;
         }
     }
-    int timeoutMs = settings.timeoutMs > 0 ? settings.timeoutMs : 30000;
-    long seconds = timeoutMs / 1000;
-    long micros = (timeoutMs % 1000) * 1000L;
-    if (!setOption(SSH_OPTIONS_NODELAY, &on, "NoDelay") ||
-        !setOption(SSH_OPTIONS_TIMEOUT, &seconds, "Timeout") ||
-        !setOption(SSH_OPTIONS_TIMEOUT_USEC, &micros, "TimeoutUsec") ||
+    if (!settings.compression.empty() &&
+        !setOption(SSH_OPTIONS_COMPRESSION, settings.compression.c_str(), "Compression"))
+        return false;
+    if (!settings.knownHostsPath.empty() &&
         !setOption(SSH_OPTIONS_KNOWNHOSTS, settings.knownHostsPath.c_str(), "KnownHosts"))
         return false;
-    return true;
+    m_timeoutMs = settings.timeoutMs > 0 ? settings.timeoutMs : 30000;
+    long seconds = m_timeoutMs / 1000;
+    long micros = (m_timeoutMs % 1000) * 1000L;
+    return setOption(SSH_OPTIONS_NODELAY, &on, "NoDelay") &&
+           setOption(SSH_OPTIONS_TIMEOUT, &seconds, "Timeout") &&
+           setOption(SSH_OPTIONS_TIMEOUT_USEC, &micros, "TimeoutUsec");
 }
 
-bool LibsshTransport::connect(const LibsshConnectSettings& settings, LogBase& log) {
+// Where the settings and the config lead: host, port, user, and a ProxyJump,
+// which is run here rather than by libssh's own "ssh -W" command.
+void LibsshTransport::readConfigResults(const LibsshConnectSettings& settings, LogBase& log) {
+    char* value = nullptr;
+    auto take = [&](enum ssh_options_e option, std::string& out) {
+        if (ssh_options_get(m_session, option, &value) == SSH_OK && value) {
+            out = value;
+            ssh_string_free_char(value);
+            value = nullptr;
+        }
+    };
+    m_host = settings.host;
+    take(SSH_OPTIONS_HOST, m_host);
+    unsigned int port = 0;
+    m_port = ssh_options_get_port(m_session, &port) == SSH_OK ? static_cast<int>(port) : 22;
+    m_configUser.clear();
+    take(SSH_OPTIONS_USER, m_configUser);
+    if (m_configUser.empty()) m_configUser = localUserName();
+    m_configProxyJump.clear();
+    std::string proxyCommand;
+    take(SSH_OPTIONS_PROXYCOMMAND, proxyCommand);
+    if (proxyJumpFromCommand(proxyCommand, m_configProxyJump))
+        ssh_options_set(m_session, SSH_OPTIONS_PROXYCOMMAND, "none");
+    if (!settings.useSshConfig) return;
+    if (!settings.configFile.empty()) log.LogData("configFile", settings.configFile.c_str());
+    log.LogData("configHostName", m_host.c_str());
+    log.LogDataLong("configPort", m_port);
+    log.LogData("configUser", m_configUser.c_str());
+    if (!m_configProxyJump.empty()) log.LogData("configProxyJump", m_configProxyJump.c_str());
+    if (!proxyCommand.empty() && m_configProxyJump.empty())
+        log.LogData("configProxyCommand", proxyCommand.c_str());
+}
+
+bool LibsshTransport::prepare(const LibsshConnectSettings& settings, LogBase& log) {
     Guard guard(m_lock);
     disconnect();
     m_session = ssh_new();
@@ -105,28 +152,29 @@ bool LibsshTransport::connect(const LibsshConnectSettings& settings, LogBase& lo
         log.LogError("Out of memory.");
         return false;
     }
+    m_authMethods.clear();
+    m_lockedKeys.clear();
     if (!applyOptions(settings, log)) return false;
-    char* value = nullptr;
-    m_host = settings.host;
-    if (ssh_options_get(m_session, SSH_OPTIONS_HOST, &value) == SSH_OK && value) {
-        m_host = value;
-        ssh_string_free_char(value);
-        value = nullptr;
-    }
-    unsigned int port = 0;
-    m_port = ssh_options_get_port(m_session, &port) == SSH_OK ? static_cast<int>(port) : 22;
-    m_configUser.clear();
-    if (ssh_options_get(m_session, SSH_OPTIONS_USER, &value) == SSH_OK && value) {
-        m_configUser = value;
-        ssh_string_free_char(value);
-    }
-    if (m_configUser.empty()) m_configUser = localUserName();
-    if (settings.useSshConfig) {
-        log.LogData("configHostName", m_host.c_str());
-        log.LogDataLong("configPort", m_port);
-        log.LogData("configUser", m_configUser.c_str());
-    }
+    readConfigResults(settings, log);
+    return true;
+}
 
+bool LibsshTransport::connect(const LibsshRoute& route, LogBase& log) {
+    Guard guard(m_lock);
+    if (!m_session) {
+        if (route.socketFd >= 0) ::close(route.socketFd);
+        log.LogError("The connection was not prepared.");
+        return false;
+    }
+    if (route.socketFd >= 0) {
+        // ssh_connect hands the socket to the session, which closes it.
+        socket_t fd = route.socketFd;
+        if (ssh_options_set(m_session, SSH_OPTIONS_FD, &fd) != SSH_OK) {
+            ::close(route.socketFd);
+            logSessionError("Failed to connect to the SSH server.", log);
+            return false;
+        }
+    }
     if (ssh_connect(m_session) != SSH_OK) {
         logSessionError("Failed to connect to the SSH server.", log);
         log.LogData("server", m_host.c_str());
@@ -136,6 +184,12 @@ bool LibsshTransport::connect(const LibsshConnectSettings& settings, LogBase& lo
     }
     m_connected = true;
     ssh_set_counters(m_session, m_socketCounter.get(), nullptr);
+    char* path = nullptr;
+    m_knownHostsFile.clear();
+    if (ssh_options_get(m_session, SSH_OPTIONS_KNOWNHOSTS, &path) == SSH_OK && path) {
+        m_knownHostsFile = path;
+        ssh_string_free_char(path);
+    }
     return true;
 }
 

@@ -19,6 +19,7 @@ struct ssh_session_struct;
 struct ssh_channel_struct;
 struct ssh_event_struct;
 struct ssh_counter_struct;
+struct ssh_callbacks_struct;
 
 namespace scpkit {
 
@@ -28,8 +29,17 @@ struct LibsshConnectSettings {
     int timeoutMs = 30000;
     std::string ciphers;  // empty: AES-GCM first, then ChaCha20, then AES-CTR
     bool useSshConfig = false;
-    std::string knownHostsPath;
-    std::string sshDir;  // holds the config file and the default keys
+    std::string configFile;      // with useSshConfig: this file alone, not ~/.ssh/config
+    std::string knownHostsPath;  // empty: the config's UserKnownHostsFile, else the default
+    std::string sshDir;          // holds the config file, known_hosts and the default keys
+    std::string compression;     // "yes" or "no"; empty: the config's choice, else no
+};
+
+// How connect reaches the server: TCP to the prepared host and port (or
+// the config's ProxyCommand), or a socket carried through jump hosts, which
+// the session closes from then on.
+struct LibsshRoute {
+    int socketFd = -1;
 };
 
 enum class KnownHostState { Known, Unknown, Changed, OtherKeyType, Error };
@@ -47,14 +57,21 @@ class LibsshTransport : public SshTransport {
     LibsshTransport(const LibsshTransport&) = delete;
     LibsshTransport& operator=(const LibsshTransport&) = delete;
 
-    // Resolves the options (and ~/.ssh/config when asked), opens the TCP
-    // connection and completes the key exchange, within settings.timeoutMs.
-    bool connect(const LibsshConnectSettings& settings, LogBase& log);
+    // Resolves the options (and the ssh config when asked) without
+    // connecting: afterwards the accessors below tell where they lead.
+    bool prepare(const LibsshConnectSettings& settings, LogBase& log);
+    // Opens the connection along the route and completes the key exchange,
+    // within the timeout of the settings.
+    bool connect(const LibsshRoute& route, LogBase& log);
 
-    // After connect: where the settings and the config led.
+    // After prepare: where the settings and the config led.
     const std::string& connectedHost() const { return m_host; }
     int connectedPort() const { return m_port; }
     const std::string& configUser() const { return m_configUser; }
+    // The config's ProxyJump for the host; empty when it gives none.
+    const std::string& configProxyJump() const { return m_configProxyJump; }
+    // After connect: the known_hosts file in use, expanded.
+    const std::string& knownHostsFile() const { return m_knownHostsFile; }
 
     // The server key as `ssh-keygen -l` shows it ("SHA256:" and unpadded
     // base64) and its type name ("ssh-ed25519").
@@ -63,6 +80,15 @@ class LibsshTransport : public SshTransport {
     // Appends the server's key to the known_hosts file.
     bool recordServerKey(LogBase& log);
 
+    // The methods the server lets the user go on with ("publickey,password"),
+    // asking it first when no attempt has told yet; logged as "authMethods".
+    std::string authMethods(const std::string& user, LogBase& log);
+    std::string authMethodsKnown() {
+        Guard guard(m_lock);
+        return m_authMethods;
+    }
+    // The password method, else keyboard-interactive answering each hidden
+    // prompt with the password.
     AuthOutcome authPassword(const std::string& user, const std::string& password, LogBase& log);
     // OpenSSH or PEM private key; an empty passphrase for an unencrypted key.
     AuthOutcome authKeyFile(const std::string& user, const std::string& path,
@@ -71,8 +97,11 @@ class LibsshTransport : public SshTransport {
     // The agent, then the default keys of the ssh directory and IdentityFile.
     AuthOutcome authAuto(const std::string& user, LogBase& log);
     bool isAuthenticated() const { return m_authenticated; }
+    // The key files the last key login could not use for want of a
+    // passphrase (encrypted, none given or the one given was wrong).
+    const std::vector<std::string>& keysWantingPassphrase() const { return m_lockedKeys; }
 
-    // The user's home: $HOME when set, else the password database.
+    // The user's home as ssh finds it: the password database's entry, else $HOME.
     static std::string userHomeDir();
     static std::string localUserName();
 
@@ -91,6 +120,7 @@ class LibsshTransport : public SshTransport {
     std::string lastError() override;
 
   private:
+    friend class LibsshTunnel;  // pumps a jump host's forwarding channel
     struct Channel;
     using Guard = std::lock_guard<std::mutex>;
     // The rest with m_lock held.
@@ -104,6 +134,8 @@ class LibsshTransport : public SshTransport {
     AuthOutcome authResult(int rc, const char* refusal, LogBase& log);
     void logSessionError(const char* what, LogBase& log);
     bool applyOptions(const LibsshConnectSettings& settings, LogBase& log);
+    void readConfigResults(const LibsshConnectSettings& settings, LogBase& log);
+    void noteAuthMethods(LogBase& log);
     void disconnect();
 
     std::mutex m_lock;
@@ -118,6 +150,12 @@ class LibsshTransport : public SshTransport {
     std::string m_host;
     int m_port = 0;
     std::string m_configUser;
+    std::string m_configProxyJump;
+    std::string m_knownHostsFile;
+    int m_timeoutMs = 30000;
+    std::string m_authMethods;  // empty until an attempt or a query told them
+    std::vector<std::string> m_lockedKeys;
+    std::unique_ptr<ssh_callbacks_struct> m_authCallbacks;  // answers passphrase questions
     bool m_connected = false;
     bool m_authenticated = false;
 };

@@ -5,7 +5,6 @@
 
 #include <dirent.h>
 #include <netinet/in.h>
-#include <pwd.h>
 #include <sys/stat.h>
 #include <csignal>
 #include <random>
@@ -176,8 +175,6 @@ TEST_F(CliTest, PushAndPullListExactlyTheFilesTheyCopied) {
 }
 
 TEST_F(CliTest, FailuresExitWithTheirStatusAndSayWhyOnOneLine) {
-    writeFile(local + "/not_a_key", "not a key");
-    writeFile(local + "/no_hosts", "");
     writeFile(local + "/f", "data");
     writeFile(local + "/precious", "precious");
     writeFile(rdir + "/x", "present");
@@ -196,8 +193,6 @@ TEST_F(CliTest, FailuresExitWithTheirStatusAndSayWhyOnOneLine) {
         bool hint;  // after a library call: how to get the full log
     } cases[] = {
         {"-P " + std::to_string(ntohs(a.sin_port)) + " put L/f R/y", 3, "cannot connect", true},
-        {"-i L/not_a_key put L/f R/y", 3, "authentication failed", true},
-        {"--known-hosts L/no_hosts put L/f R/y", 3, "Host key verification failed", true},
         {"-c 3des-cbc put L/f R/y", 3, "cannot connect", true},
         {"get R/no\x1b[2Jsuch\x07\x1b[31m\xc2\x9b-f L/precious", 1,
          rdir + "/nosuch-f failed: no such file or directory on the server", true},
@@ -227,7 +222,7 @@ TEST_F(CliTest, FailuresExitWithTheirStatusAndSayWhyOnOneLine) {
     }
     close(refusing);
     EXPECT_EQ(readFile(local + "/precious"), "precious") << "a failed get keeps the old file";
-    EXPECT_EQ(listTree(local), (Args{"empty", "f", "log", "no_hosts", "not_a_key", "precious"}));
+    EXPECT_EQ(listTree(local), (Args{"empty", "f", "log", "precious"}));
     EXPECT_EQ(listTree(rdir), (Args{"d", "e", "x"}));
     std::string log = readFile(local + "/log");
     for (const char* text : {"DownloadFile:", "No such file or directory", "probeRemotePath"})
@@ -410,37 +405,6 @@ TEST_F(CliTest, SignalsStopEveryPiece) {
             EXPECT_EQ(readFile(target + "/" + f), readFile(src + "/" + f)) << f;
         }
     }
-}
-
-TEST_F(CliTest, PasswordComesFromTheNamedVariableOrTheTerminal) {
-    if (sshd->passwordUser().empty()) GTEST_SKIP() << "no password user";
-    const passwd* pw = getpwnam(sshd->passwordUser().c_str());
-    ASSERT_NE(pw, nullptr);
-    std::string landed = std::string(pw->pw_dir) + "/cli-pw";
-    writeFile(local + "/f", "by password");
-    Args args =
-        words("-P " + std::to_string(sshd->port()) + " --known-hosts " + sshd->knownHostsPath() +
-              " --no-ssh-config put " + local + "/f " + sshd->passwordUser() + "@127.0.0.1:cli-pw");
-    Args byVariable = args;
-    byVariable.insert(byVariable.begin(), {"--password-env", "PW"});
-    ChildResult bad = runChild(kProgram, byVariable, environment({"PW=not-" + sshd->password()}));
-    EXPECT_EQ(bad.exitStatus, 3) << bad.err;
-    EXPECT_FALSE(pathExists(landed));
-    EXPECT_EQ(outputOf(runChild(kProgram, byVariable, environment({"PW=" + sshd->password()}))),
-              "");
-    EXPECT_EQ(readFile(landed), "by password");
-
-    // No key in the private HOME: the program asks, without echo.
-    std::string prompt = sshd->passwordUser() + "@127.0.0.1's password: ";
-    ChildProcess child;
-    child.trigger = prompt;
-    child.reply = sshd->password() + "\n";
-    ASSERT_TRUE(child.start(kProgram, args, environment(), "", 100));
-    ChildResult typed = child.finish(20000);
-    EXPECT_EQ(typed.exitStatus, 0) << typed.out;
-    EXPECT_NE(typed.out.find(prompt), std::string::npos) << typed.out;
-    EXPECT_EQ(typed.out.find(sshd->password()), std::string::npos) << "the password was echoed";
-    unlink(landed.c_str());
 }
 
 TEST_F(CliTest, ProgressBarOnlyOnATerminalOrWhenAsked) {

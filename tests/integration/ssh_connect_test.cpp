@@ -1,6 +1,5 @@
-// Connecting to and logging in on a real sshd: what is logged of the
-// server, the host-key policies, ciphers, connections that cannot succeed,
-// and each way of logging in.
+// Connecting to a real sshd: what is logged of the server, the host-key
+// policies, ciphers, connections that cannot succeed, and jump hosts.
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
@@ -17,16 +16,6 @@
 namespace scpkit::test {
 namespace {
 
-bool connect(ClsSsh& ssh, const std::string& host, int port, const std::string& knownHosts,
-             const char* policy = "yes", const char* ciphers = "") {
-    XString kh(knownHosts.c_str()), pol(policy), ciph(ciphers), h(host.c_str());
-    ssh.put_KnownHostsPath(kh);
-    ssh.put_StrictHostKeyChecking(pol);
-    ssh.put_Ciphers(ciph);
-    ssh.put_ConnectTimeoutMs(1000);
-    return ssh.Connect(h, port);
-}
-
 TEST(SshConnect, HostKeyPolicies) {
     REQUIRE_SSHD(sshd);
     enum Known { Missing, OtherKey, RightKey };
@@ -35,7 +24,7 @@ TEST(SshConnect, HostKeyPolicies) {
         Known known;
         bool connects, fileGainsKey;
     } cases[] = {
-        {"yes", "not in the known_hosts file", Missing, false, false},
+        {"yes", "not in the known_hosts file", Missing, false, true},  // trusted after
         {"yes", "differs from the one recorded", OtherKey, false, false},
         {"yes", "serverBanner: SSH-2.0-OpenSSH", RightKey, true, false},
         {"accept-new", "Added the server's host key", Missing, true, true},
@@ -63,6 +52,9 @@ TEST(SshConnect, HostKeyPolicies) {
         XString fp;
         ssh.get_ServerKeySha256(fp);
         EXPECT_EQ(fp.getUtf8(), sshd.hostKeyFingerprint());
+        // Under "yes" an unknown key (not a changed one) waits for the application to trust it.
+        EXPECT_EQ(ssh.get_HostKeyUnknown(), !c.connects && c.known == Missing);
+        EXPECT_TRUE(!ssh.get_HostKeyUnknown() || (ssh.TrustServerKey() && ssh.get_IsConnected()));
         if (c.fileGainsKey) {  // and what was recorded is trusted from now on
             expectLog(readFile(knownHosts), {entry + "ssh-ed25519 "});
             ClsSsh again;
@@ -117,86 +109,62 @@ TEST(SshConnect, CiphersAndConnectionsThatCannotSucceed) {
     close(fds[1]);
 }
 
-// Sets (or, given nothing, removes) an environment variable until scope exit.
-struct ScopedEnv {
-    std::string name;
-    std::optional<std::string> old;
-    ScopedEnv(const char* n, const std::optional<std::string>& value) : name(n) {
-        if (const char* o = getenv(n)) old = o;
-        value ? setenv(n, value->c_str(), 1) : unsetenv(n);
-    }
-    ~ScopedEnv() { old ? setenv(name.c_str(), old->c_str(), 1) : unsetenv(name.c_str()); }
-};
-
-// Each login method against keys, a password and an agent holding one key
-// (started for the test, stopped by its PID). A failed login leaves the
-// connection up for another try; a good one runs commands as the user.
-TEST(SshLogin, EveryMethod) {
+// The loopback sshd as its own jump host (named, twice over, by a config's
+// ProxyJump, left to the ssh program), and a second sshd that forwards
+// nothing, or whose key is not known.
+TEST(SshConnect, ThroughJumpHosts) {
     REQUIRE_SSHD(sshd);
-    const std::string d = sshd.tempDir() + "/", home = sshd.makeScratchDir("home"),
-                      keyedHome = sshd.makeScratchDir("home"), sock = d + "agent.sock";
-    std::string agentOut;
-    ASSERT_EQ(shell("ssh-keygen -q -t rsa -b 1024 -m PEM -N '' -f " + d + "pem && ssh-keygen -q " +
-                        "-t ed25519 -N 'pass phrase' -f " + d + "enc && ssh-keygen -q -t ed25519 " +
-                        "-N '' -f " + d + "stranger && cat " + d + "pem.pub " + d + "enc.pub >> " +
-                        d + "authorized_keys && mkdir " + keyedHome + "/.ssh && cp " + d +
-                        "client_ed25519 " + keyedHome + "/.ssh/id_ed25519 && ssh-agent -a " + sock +
-                        " && SSH_AUTH_SOCK=" + sock + " ssh-add -q " + d + "client_ed25519",
-                    &agentOut),
-              0)
-        << agentOut;
-    const size_t at = agentOut.find("SSH_AGENT_PID=");
-    ASSERT_NE(at, std::string::npos) << agentOut;
-    struct Agent {
-        int pid;
-        ~Agent() {
-            if (pid > 0) kill(pid, SIGTERM);
-        }
-    } agent{std::atoi(agentOut.c_str() + at + 14)};
-    enum Method { Key, Password, AgentOnly, Auto };
+    SshdFixture closed({"AllowTcpForwarding no\n"});
+    ASSERT_TRUE(closed.ok()) << closed.error();
+    const std::string d = sshd.makeScratchDir("jump") + "/", p = std::to_string(sshd.port()),
+                      q = std::to_string(closed.port()), both = d + "known_hosts";
+    ASSERT_EQ(shell("ssh-keygen -q -t ed25519 -N secret -f " + d + "enc && cat " + d +
+                    "enc.pub >> " + sshd.tempDir() + "/authorized_keys"),
+              0);
+    writeFile(both, readFile(sshd.knownHostsPath()) + readFile(closed.knownHostsPath()));
+    writeFile(d + "one_known", readFile(sshd.knownHostsPath()));
+    writeFile(d + "askpass", "#!/bin/sh\necho secret\n", -1, 0755);
+    // libssh matches later Host lines against the HostName: "jumpenc" comes last.
+    writeFile(d + "config", "Host target\n HostName 127.0.0.1\n Port " + p +
+                                "\n ProxyJump 127.0.0.1:" + p + "\nHost 127.0.0.1\n IdentityFile " +
+                                sshd.clientKeyPath() + "\n IdentityFile " + closed.clientKeyPath() +
+                                "\nHost jumpenc\n HostName 127.0.0.1\n Port " + p +
+                                "\n IdentityFile " + d + "enc\n");
+    ScopedEnv askpass("SSH_ASKPASS", d + "askpass"), force("SSH_ASKPASS_REQUIRE", "force");
+    const std::string path = getenv("PATH");
     const struct {
-        Method method;
-        std::string secret, keyOrHome;  // password or passphrase; key file or $HOME
-        std::optional<std::string> agentSocket;
+        std::string host, jumps, knownHosts, path, logged;
         bool ok;
-        const char* logged;
     } cases[] = {
-        {Key, "", d + "client_ed25519", {}, true, "LoginWithKeyFile:"},
-        {Key, "", d + "pem", {}, true, "privateKeyPath"},
-        {Key, "pass phrase", d + "enc", {}, true, "privateKeyPath"},
-        {Key, "", d + "enc", {}, false, "a passphrase is required"},
-        {Key, "wrong", d + "enc", {}, false, "wrong passphrase"},
-        {Key, "", d + "stranger", {}, false, "The server refused the key."},
-        {Key, "", d + "client_ed25519.pub", {}, false, "not an OpenSSH or PEM"},
-        {Key, "", d + "nope", {}, false, "cannot be read"},
-        {Password, sshd.password(), "", {}, true, "LoginWithPassword:"},
-        {Password, sshd.password() + "x", "", {}, false, "refused the user name and password"},
-        {Password, "", "", {}, false, "No password given."},
-        {AgentOnly, "", home, sock, true, "LoginWithAgent:"},
-        {AgentOnly, "", home, {}, false, "SSH_AUTH_SOCK is not set"},
-        {Auto, "", home, sock, true, "LoginAuto:"},
-        {Auto, "", keyedHome, {}, true, "LoginAuto:"},
-        {Auto, "", home, {}, false, "none of the default keys"},
+        {"127.0.0.1", "root@127.0.0.1:" + p, both, path, "jumpHost: root@127.0.0.1:" + p, true},
+        {"target", "", both, path, "configProxyJump: 127.0.0.1:" + p, true},
+        {"127.0.0.1", "127.0.0.1:" + p + ",127.0.0.1:" + p, both, path, "jumpHost: 127.0.0.1",
+         true},
+        {"127.0.0.1", "jumpenc", both, path, "The ssh program makes the jumps instead.", true},
+        {"127.0.0.1", "jumpenc", both, "/nonexistent", "There is no ssh program", false},
+        {"127.0.0.1", "127.0.0.1:" + q, both, path, "refused to open a connection", false},
+        {"127.0.0.1", "127.0.0.1:" + q, d + "one_known", path, "the jump host's key", false},
+        {"127.0.0.1", "127.0.0.1:0", both, path, "bad port in jump host '127.0.0.1:0'", false},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(std::to_string(c.method) + " " + c.keyOrHome + " " + c.secret);
-        if (c.method == Password && sshd.passwordUser().empty()) continue;  // needs root
-        ScopedEnv sockEnv("SSH_AUTH_SOCK", c.agentSocket);
-        std::optional<ScopedEnv> homeEnv;
-        if (c.method == AgentOnly || c.method == Auto) homeEnv.emplace("HOME", c.keyOrHome);
+        SCOPED_TRACE(c.host + " via " + c.jumps + " " + c.path);
+        ScopedEnv pathEnv("PATH", c.path);
         ClsSsh ssh;
-        ASSERT_TRUE(connect(ssh, sshd.host(), sshd.port(), sshd.knownHostsPath()));
-        const std::string name = c.method == Password ? sshd.passwordUser() : sshd.user();
-        XString user(name.c_str()), secret(c.secret.c_str()), path(c.keyOrHome.c_str());
-        const bool ok = c.method == Key         ? ssh.LoginWithKeyFile(user, path, secret)
-                        : c.method == Password  ? ssh.LoginWithPassword(user, secret)
-                        : c.method == AgentOnly ? ssh.LoginWithAgent(user)
-                                                : ssh.LoginAuto(user);
-        EXPECT_EQ(ok, c.ok);
-        expectLog(lastErrorText(ssh), {c.logged, c.ok ? "Success." : "Failed."});
-        EXPECT_TRUE(ssh.get_IsConnected());
-        if (c.ok) {
-            EXPECT_EQ(execOutput(ssh, "id -un | tr -d '\\n'"), name);
+        XString config((d + "config").c_str()), jumps(c.jumps.c_str()), user(sshd.user().c_str());
+        ssh.put_UseSshConfig(true);
+        ssh.put_SshConfigPath(config);
+        ssh.put_ProxyJump(jumps);
+        const bool ok = connect(ssh, c.host, c.host == "target" ? 0 : sshd.port(), c.knownHosts);
+        EXPECT_EQ(ok, c.ok) << lastErrorText(ssh);
+        expectLog(lastErrorText(ssh), {c.logged});
+        if (ssh.get_HostKeyUnknown()) {  // the jump host's key, trusted: the next Connect goes on
+            EXPECT_TRUE(ssh.TrustServerKey() && !ssh.get_IsConnected());
+            EXPECT_FALSE(connect(ssh, c.host, sshd.port(), c.knownHosts));
+            expectLog(lastErrorText(ssh), {"refused to open a connection"});
+        }
+        if (ok) {
+            EXPECT_TRUE(ssh.LoginAuto(user)) << lastErrorText(ssh);
+            EXPECT_EQ(execOutput(ssh, "echo through"), "through\n");
         }
     }
 }

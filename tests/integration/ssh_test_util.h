@@ -2,6 +2,8 @@
 // the output of a command run on a channel of its own.
 #pragma once
 
+#include <cstdlib>
+#include <optional>
 #include <string>
 
 #include <scpkit/base/DataBuffer.h>
@@ -37,5 +39,27 @@ inline std::string execOutput(ClsSsh& ssh, const std::string& command, int ch = 
     ssh.getReceivedData(ch, out, log);
     return text(out);
 }
+
+// Connects with the known_hosts file and the policy (a short timeout).
+inline bool connect(ClsSsh& ssh, const std::string& host, int port, const std::string& knownHosts,
+                    const char* policy = "yes", const char* ciphers = "") {
+    XString kh(knownHosts.c_str()), pol(policy), ciph(ciphers), h(host.c_str());
+    ssh.put_KnownHostsPath(kh);
+    ssh.put_StrictHostKeyChecking(pol);
+    ssh.put_Ciphers(ciph);
+    ssh.put_ConnectTimeoutMs(1000);
+    return ssh.Connect(h, port);
+}
+
+// Sets (or, given nothing, removes) an environment variable until scope exit.
+struct ScopedEnv {
+    std::string name;
+    std::optional<std::string> old;
+    ScopedEnv(const char* n, const std::optional<std::string>& value) : name(n) {
+        if (const char* o = getenv(n)) old = o;
+        value ? setenv(n, value->c_str(), 1) : unsetenv(n);
+    }
+    ~ScopedEnv() { old ? setenv(name.c_str(), old->c_str(), 1) : unsetenv(name.c_str()); }
+};
 
 }  // namespace scpkit::test

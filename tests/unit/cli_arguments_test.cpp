@@ -52,6 +52,10 @@ TEST(CliArguments, EachFormTurnsIntoPathsAndSettings) {
         {"--connect-timeout 1500ms put f h:x --connect-timeout 2", "f -> |h|x connect=2000"},
         {"-l 800 -n pull --mode size h:r d", "d <- |h|r mode=5 limit=100000 dry"},
         {"push --mode size d h:r", "d -> |h|r mode=4"},  // the two directions number modes apart
+        // The first -o of a name counts, and the program's own option wins over it.
+        {"-o Port=2222 -o port=1 -o ConnectTimeout=3 put f h:x",
+         "f -> |h|x port=2222 connect=3000"},
+        {"-P 22 -o Port=2222 put f h:x", "f -> |h|x port=22"},
     };
     for (const auto& [line, expected] : cases) EXPECT_EQ(summary(line), expected) << line;
 }

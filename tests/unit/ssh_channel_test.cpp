@@ -104,6 +104,7 @@ TEST(SshChannel, ChannelReadReportsDataThenEndAndWaitForCloseKeepsABoundedPart) 
     rig.peer().send("line one\nrest").eof().sendStderr("oops").close();
     rig.open();
     EXPECT_EQ(rig.ssh.channelRead(rig.ch, rig.sp, rig.log), 13);
+    EXPECT_EQ(rig.readN(5), "line ");
     EXPECT_FALSE(rig.sp.m_receivedEof || rig.ssh.channelReceivedEof(rig.ch, rig.log));
     EXPECT_EQ(rig.ssh.channelRead(rig.ch, rig.sp, rig.log), 0);
     EXPECT_TRUE(rig.sp.m_receivedEof && rig.ssh.channelReceivedEof(rig.ch, rig.log));
