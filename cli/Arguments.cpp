@@ -171,12 +171,17 @@ std::string checkTree(const Arguments& a, Options& o) {
     if (!o.isTree()) {
         bool filters =
             !a.match.empty() || !a.exclude.empty() || !a.matchDir.empty() || !a.excludeDir.empty();
-        if (!a.mode.empty() || a.noRecurse || a.dryRun || filters) {
-            return "--mode, --no-recurse, --dry-run and the --match/--exclude filters apply to "
-                   "push and pull";
+        if (!a.mode.empty() || a.noRecurse || a.dryRun || filters || !a.jobs.empty()) {
+            return "--mode, --no-recurse, --dry-run, --jobs and the --match/--exclude filters "
+                   "apply to push and pull";
         }
         return "";
     }
+    std::string error;
+    int64_t jobs = t.jobs;
+    if (!a.jobs.empty() && !parseWholeNumber(a.jobs, "--jobs", 1, kMaxTreeJobs, jobs, error))
+        return error;
+    t.jobs = static_cast<int>(jobs);
     SyncDirection dir = o.isUpload() ? SyncDirection::Upload : SyncDirection::Download;
     if (!a.mode.empty() && !parseSyncMode(a.mode, dir, t.syncMode)) {
         return "unknown --mode '" + a.mode + "' for " + a.command + " (see --help)";

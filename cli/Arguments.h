@@ -34,6 +34,7 @@ struct Arguments {
     std::string mode;
     bool noRecurse = false;
     bool dryRun = false;
+    std::string jobs;  // as typed
     std::vector<std::string> match, exclude, matchDir, excludeDir;
 
     std::vector<std::string> env;

@@ -22,6 +22,7 @@ void CallLog::record(ClsBase& object) {
     if (!m_file) return;
     XString text;
     object.get_LastErrorText(text);
+    std::lock_guard<std::mutex> lock(m_mutex);
     std::fputs(text.getUtf8(), m_file);
     if (text.getSizeUtf8() == 0 || text.getUtf8Sb().lastChar() != '\n') std::fputc('\n', m_file);
     std::fflush(m_file);

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdio>
+#include <mutex>
 #include <string>
 
 namespace scpkit {
@@ -32,6 +33,7 @@ class CallLog {
   private:
     std::string m_path;
     std::FILE* m_file = nullptr;
+    std::mutex m_mutex;  // several workers' objects return at once
 };
 
 }  // namespace scpkit::cli

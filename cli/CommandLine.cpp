@@ -84,6 +84,9 @@ void declareTreeOptions(CLI::App& app, Arguments& a) {
     app.add_flag("--no-recurse", a.noRecurse, "Only the files directly in the directory")->group(g);
     app.add_flag("-n,--dry-run", a.dryRun, "List what would be copied; copy and create nothing")
         ->group(g);
+    app.add_option("-j,--jobs", a.jobs, "Copy over up to N channels at once (default 8; 1 to 16)")
+        ->group(g)
+        ->type_name("N");
     addList(app, "--match", a.match, "Copy only files whose names match (a;b)", g, "PATTERNS");
     addList(app, "--exclude", a.exclude, "Skip files whose names match", g, "PATTERNS");
     addList(app, "--match-dir", a.matchDir, "Enter only directories whose names match", g,

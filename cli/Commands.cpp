@@ -105,7 +105,7 @@ int runCommand(const Options& options) {
     RateLimit limit(options.transfer.limitBytesPerSecond);
     FileList list(wantsList(options, drawBar));
     TransferWatch watch(bar, limit, list);
-    Session session{options, *holder.ssh, callLog, bar, list, watch};
+    Session session{options, *holder.ssh, callLog, bar, list, watch, limit};
     // From here a signal stops the transfer through the library's abort.
     setInterruptAbortable(true);
     status = command->run(session);

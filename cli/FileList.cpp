@@ -11,18 +11,24 @@ namespace scpkit::cli {
 FileList::FileList(bool enabled, int fd) : m_enabled(enabled), m_fd(fd), m_terminal(isatty(fd)) {}
 
 void FileList::completed(const std::string& relativePath) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    add(relativePath);
+}
+
+void FileList::add(const std::string& relativePath) {
     m_printed.insert(relativePath);
     print(relativePath);
 }
 
 void FileList::completeFrom(const std::string& syncedFiles) {
+    std::lock_guard<std::mutex> lock(m_mutex);
     std::multiset<std::string> seen;
     std::istringstream in(syncedFiles);
     for (std::string line; std::getline(in, line);) {
         if (!line.empty() && line.back() == '\r') line.pop_back();
         if (line.empty()) continue;
         seen.insert(line);
-        if (seen.count(line) > m_printed.count(line)) completed(line);
+        if (seen.count(line) > m_printed.count(line)) add(line);
     }
 }
 

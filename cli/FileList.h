@@ -1,9 +1,10 @@
 // The list push and pull print on standard output: each copied file's path
 // below the root, one per line, written as the file completes so that a
 // pipe sees the progress, and completed at the end from the library's own
-// list so that it is exact.
+// list so that it is exact. Workers copying one tree share it.
 #pragma once
 
+#include <mutex>
 #include <set>
 #include <string>
 
@@ -20,8 +21,10 @@ class FileList {
     bool empty() const { return m_printed.empty(); }
 
   private:
+    void add(const std::string& relativePath);
     void print(const std::string& relativePath);
 
+    std::mutex m_mutex;
     bool m_enabled;
     int m_fd;
     bool m_terminal;

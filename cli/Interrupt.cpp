@@ -2,6 +2,7 @@
 
 #include <limits.h>
 #include <unistd.h>
+#include <atomic>
 #include <csignal>
 #include <cstring>
 
@@ -15,16 +16,19 @@ volatile sig_atomic_t g_firstSignal = 0;
 volatile sig_atomic_t g_count = 0;
 volatile sig_atomic_t g_abortable = 0;
 volatile sig_atomic_t g_haveTerminal = 0;
-volatile sig_atomic_t g_havePartial = 0;
+// Lock-free atomics: set by the workers, read by a handler on any thread.
+std::atomic<bool> g_havePartial[kPartialFileSlots];  // zero: none
 int g_terminalFd = -1;
 struct termios g_terminalSettings;
-char g_partial[PATH_MAX + 1];
+char g_partial[kPartialFileSlots][PATH_MAX + 1];
 
 void onSignal(int sig) {
     if (g_firstSignal == 0) g_firstSignal = sig;
     g_count = g_count + 1;
     if (g_abortable && g_count == 1) return;
-    if (g_havePartial) ::unlink(g_partial);
+    for (int i = 0; i < kPartialFileSlots; ++i) {
+        if (g_havePartial[i].load(std::memory_order_acquire)) ::unlink(g_partial[i]);
+    }
     if (g_haveTerminal) tcsetattr(g_terminalFd, TCSANOW, &g_terminalSettings);
     // Die of the signal itself, so the parent sees what happened.
     std::signal(sig, SIG_DFL);
@@ -63,11 +67,12 @@ void setInterruptAbortable(bool abortable) {
     g_abortable = abortable ? 1 : 0;
 }
 
-void setPartialLocalFile(const std::string& path) {
-    g_havePartial = 0;
+void setPartialLocalFile(const std::string& path, int slot) {
+    if (slot < 0 || slot >= kPartialFileSlots) return;
+    g_havePartial[slot].store(false, std::memory_order_release);
     if (path.empty() || path.size() > PATH_MAX) return;
-    std::memcpy(g_partial, path.c_str(), path.size() + 1);
-    g_havePartial = 1;
+    std::memcpy(g_partial[slot], path.c_str(), path.size() + 1);
+    g_havePartial[slot].store(true, std::memory_order_release);
 }
 
 void rememberTerminalSettings(int fd, const struct termios& settings) {

@@ -18,9 +18,10 @@ bool interruptRequested();
 int interruptSignal();
 void setInterruptAbortable(bool abortable);
 
-// The local file being written, which must not outlive the program; empty
-// to forget it.
-void setPartialLocalFile(const std::string& path);
+// The local files being written, which must not outlive the program: one
+// a slot, a slot for each transfer running at once; empty to forget it.
+constexpr int kPartialFileSlots = 16;
+void setPartialLocalFile(const std::string& path, int slot = 0);
 
 // The terminal settings to put back if the program ends while a password is
 // read without echo.

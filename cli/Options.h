@@ -35,12 +35,17 @@ struct ConnectionOptions {
     int stallTimeoutMs = -1;
 };
 
-// push and pull: what to copy.
+// The most channels push and pull run at once.
+constexpr int kMaxTreeJobs = 16;
+
+// push and pull: what to copy, and over how many channels at once.
 struct TreeOptions {
     int syncMode = 0;  // already mapped to the direction's number
     bool recurse = true;
     bool dryRun = false;
     std::string match, exclude, matchDir, excludeDir;  // ';'-separated
+    // OpenSSH allows 10 sessions a connection (MaxSessions): stay below.
+    int jobs = 8;
 };
 
 struct TransferOptions {

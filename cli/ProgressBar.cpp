@@ -31,19 +31,31 @@ double ProgressBar::now() const {
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - m_origin).count();
 }
 
+void ProgressBar::showFrom(std::function<ProgressSnapshot(double now)> source) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_source = std::move(source);
+}
+
+void ProgressBar::setLabel(const std::string& label) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_label = label;
+}
+
 void ProgressBar::redraw() {
     if (!m_draw) return;
+    std::lock_guard<std::mutex> lock(m_mutex);
     double t = now();
     if (m_lastDraw >= 0 && t - m_lastDraw < kRedrawInterval) return;
     m_lastDraw = t;
-    std::string line =
-        renderProgressLine(m_meter.snapshot(t), stripControlChars(m_label), terminalWidth(m_fd));
+    ProgressSnapshot shown = m_source ? m_source(t) : m_meter.snapshot(t);
+    std::string line = renderProgressLine(shown, stripControlChars(m_label), terminalWidth(m_fd));
     writeAll("\r" + line + "\x1b[K");
     m_drawn = true;
 }
 
 void ProgressBar::finishedFile(const std::string& label, int64_t bytes, double seconds) {
     if (!m_draw) return;
+    std::lock_guard<std::mutex> lock(m_mutex);
     std::string line =
         renderFinishedLine(stripControlChars(label), bytes, seconds, terminalWidth(m_fd));
     writeAll("\r" + line + "\x1b[K\n");
@@ -52,6 +64,7 @@ void ProgressBar::finishedFile(const std::string& label, int64_t bytes, double s
 }
 
 void ProgressBar::clear() {
+    std::lock_guard<std::mutex> lock(m_mutex);
     if (!m_drawn) return;
     writeAll("\r\x1b[K");
     m_drawn = false;

@@ -1,10 +1,13 @@
 // The one-line bar on standard error: redrawn in place at most five times a
 // second, a line left behind for each finished file, cleared at the end.
 // A bar that is not drawn keeps its meter, which the rate limit reads.
+// Workers copying one tree share the bar; it then shows their sum.
 #pragma once
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
+#include <mutex>
 #include <string>
 
 #include "cli/ProgressMeter.h"
@@ -22,7 +25,9 @@ class ProgressBar {
 
     bool drawing() const { return m_draw; }
     ProgressMeter& meter() { return m_meter; }
-    void setLabel(const std::string& label) { m_label = label; }
+    // What the bar shows instead of its meter.
+    void showFrom(std::function<ProgressSnapshot(double now)> source);
+    void setLabel(const std::string& label);
     // Seconds on the bar's clock.
     double now() const;
 
@@ -37,7 +42,9 @@ class ProgressBar {
 
     bool m_draw;
     int m_fd;
+    std::mutex m_mutex;
     ProgressMeter m_meter{kScale};
+    std::function<ProgressSnapshot(double)> m_source;
     std::string m_label;
     std::chrono::steady_clock::time_point m_origin;
     double m_lastDraw = -1;

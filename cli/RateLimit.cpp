@@ -4,8 +4,14 @@
 
 namespace scpkit::cli {
 
+void RateLimit::restart() {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_originTime = -1;
+}
+
 int64_t RateLimit::delayMs(int64_t doneBytes, double now) {
     if (m_rate <= 0 || doneBytes < 0) return 0;
+    std::lock_guard<std::mutex> lock(m_mutex);
     if (m_originTime < 0 || doneBytes < m_originBytes) {
         m_originTime = now;
         m_originBytes = doneBytes;

@@ -1,5 +1,7 @@
 #include "cli/RemoteShell.h"
 
+#include <chrono>
+
 #include <scpkit/base/DataBuffer.h>
 #include <scpkit/base/Logger.h>
 #include <scpkit/base/Progress.h>
@@ -11,25 +13,30 @@ namespace scpkit::cli {
 
 namespace {
 
-struct RemoteRun {
-    bool ran = false;  // the command ran to its end
-    std::string out, err;
-};
+bool isHome(const std::string& path) {
+    return path.empty() || path == "." || path == "~" || path == "/";
+}
 
-// One command on a channel of its own, waited for until the server closes
-// it; in the SSH object's log under `context`.
+}  // namespace
+
 RemoteRun runRemote(ClsSsh& ssh, const char* context, const std::string& commandText) {
     RemoteRun run;
     LogContextExitor ctx(ssh, context);
     LogBase& log = ssh.m_log;
     SocketParams sp(nullptr);
+    auto start = std::chrono::steady_clock::now();
+    auto since = [&start] {
+        return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    };
     int channel = ssh.openSessionChannel(sp, log);
     if (channel < 0) return run;
+    double opened = since();
     XString command(commandText.c_str());
     log.LogData("command", command.getUtf8());
     SshReadParams rp;
-    run.ran = ssh.sendReqExec(channel, command, sp, log) &&
-              ssh.channelReceiveUntilCondition(channel, 1, rp, sp, log);
+    run.ran = ssh.sendReqExec(channel, command, sp, log);
+    run.execSeconds = since() - opened;
+    run.ran = run.ran && ssh.channelReceiveUntilCondition(channel, 1, rp, sp, log);
     DataBuffer out;
     ssh.getReceivedData(channel, out, log);
     run.out.assign(reinterpret_cast<const char*>(out.getData2()), out.getSize());
@@ -39,14 +46,9 @@ RemoteRun runRemote(ClsSsh& ssh, const char* context, const std::string& command
     if (!run.err.empty()) log.LogData("stderr", run.err.c_str());
     ssh.channelSendClose(channel, sp, log);
     ssh.channelFinished(channel);
+    run.seconds = since();
     return run;
 }
-
-bool isHome(const std::string& path) {
-    return path.empty() || path == "." || path == "~" || path == "/";
-}
-
-}  // namespace
 
 std::string shellQuotePath(const std::string& path) {
     std::string prefix, rest = path;

@@ -14,6 +14,17 @@ class ClsSsh;
 
 namespace scpkit::cli {
 
+struct RemoteRun {
+    bool ran = false;  // the command ran to its end
+    std::string out, err;
+    // Seconds the server took to accept the command once the channel was
+    // open (about a round trip), and the whole run's.
+    double execSeconds = 0, seconds = 0;
+};
+// One command on a channel of its own, waited for until the server closes
+// it; in the SSH object's log under `context`.
+RemoteRun runRemote(ClsSsh& ssh, const char* context, const std::string& commandText);
+
 // Runs "mkdir -p" for `path`. False with `error` set to what the server
 // said when the directory cannot be made.
 bool ensureRemoteDirectory(ClsSsh& ssh, const std::string& path, std::string& error);

@@ -18,6 +18,7 @@ namespace scpkit::cli {
 class CallLog;
 class FileList;
 class ProgressBar;
+class RateLimit;
 class TransferWatch;
 
 struct Session {
@@ -27,6 +28,7 @@ struct Session {
     ProgressBar& bar;
     FileList& list;
     TransferWatch& watch;
+    RateLimit& limit;
 
     // Binds a fresh SCP object to the connection with the program's settings.
     void configure(ClsScp& scp) const;

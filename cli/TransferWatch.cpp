@@ -8,6 +8,7 @@
 #include "cli/Interrupt.h"
 #include "cli/ProgressBar.h"
 #include "cli/RateLimit.h"
+#include "cli/TreeProgress.h"
 
 namespace scpkit::cli {
 
@@ -24,7 +25,31 @@ int64_t fileSize(const std::string& path) {
 }  // namespace
 
 TransferWatch::TransferWatch(ProgressBar& bar, RateLimit& limit, FileList& list)
-    : m_bar(bar), m_limit(limit), m_list(list) {}
+    : m_bar(bar), m_limit(limit), m_list(list), m_ownMeter(ProgressBar::kScale) {}
+
+void TransferWatch::shareWith(TreeProgress& shared, int slot) {
+    m_shared = &shared;
+    m_slot = slot;
+}
+
+ProgressMeter& TransferWatch::meter() {
+    return m_shared ? m_ownMeter : m_bar.meter();
+}
+
+// A worker's figures for its piece: bytes (and directories) done so far,
+// and the total once the library's units have pinned it.
+void TransferWatch::report() {
+    if (!m_shared) return;
+    double now = m_bar.now();
+    int64_t done = 0, total = -1;
+    if (m_direction == TreeDirection::Download) {
+        done = bytesMoved() + kDirectoryUnits * m_directories;
+    } else {
+        done = std::max(m_finishedBytes + kDirectoryUnits * m_directories, meter().doneBytes());
+        total = meter().snapshot(now).totalBytes;
+    }
+    m_shared->update(m_slot, done, total, now);
+}
 
 void TransferWatch::startFile(const std::string& label, int64_t exactTotal,
                               std::function<int64_t()> bytesDone) {
@@ -43,13 +68,23 @@ void TransferWatch::finishFile(const std::string& label, int64_t bytes) {
     m_bar.finishedFile(label, bytes, m_bar.now() - m_fileStart);
 }
 
-void TransferWatch::startTree(TreeDirection direction, const std::string& localRoot) {
+void TransferWatch::startTree(TreeDirection direction, const std::string& localRoot,
+                              const std::string& listPrefix) {
     m_tree = true;
     m_direction = direction;
     m_localRoot = localRoot;
+    m_listPrefix = listPrefix;
     while (m_localRoot.size() > 1 && m_localRoot.back() == '/') m_localRoot.pop_back();
     m_fileStart = m_bar.now();
-    m_limit.restart();
+    // Each piece of a shared tree starts afresh; the rate holds for them all.
+    m_lastUnits = 0;
+    m_dataStarted = m_expectDirectoryUnits = false;
+    m_finishedBytes = m_directories = 0;
+    m_currentRelative.clear();
+    m_unfinishedLocal.clear();
+    m_unfinishedUpload = UnfinishedUpload();
+    m_ownMeter.restart();
+    if (!m_shared) m_limit.restart();
 }
 
 void TransferWatch::checkInterrupt(bool& abort) {
@@ -71,25 +106,28 @@ void TransferWatch::OnPercent(int percent, bool& abort) {
         }
     }
     m_lastUnits = percent;
-    m_bar.meter().setUnits(percent, m_bar.now());
+    meter().setUnits(percent, m_bar.now());
     if (m_tree && m_direction == TreeDirection::Download) {
-        m_bar.meter().observeDone(bytesMoved() + kDirectoryUnits * m_directories);
+        meter().observeDone(bytesMoved() + kDirectoryUnits * m_directories);
     } else if (!m_tree && m_bytesDone) {
-        m_bar.meter().observeDone(m_bytesDone());
+        meter().observeDone(m_bytesDone());
     }
+    report();
     keepToRate();
     m_bar.redraw();
 }
 
 void TransferWatch::OnPoll(bool& abort) {
     checkInterrupt(abort);
+    report();
     keepToRate();
     m_bar.redraw();
 }
 
 int64_t TransferWatch::bytesMoved() const {
-    if (!m_tree) return m_bytesDone ? m_bytesDone() : m_bar.meter().doneBytes();
-    if (m_direction == TreeDirection::Upload) return m_bar.meter().doneBytes();
+    const ProgressMeter& own = m_shared ? m_ownMeter : m_bar.meter();
+    if (!m_tree) return m_bytesDone ? m_bytesDone() : own.doneBytes();
+    if (m_direction == TreeDirection::Upload) return own.doneBytes();
     int64_t current =
         m_unfinishedLocal.empty() ? 0 : std::max<int64_t>(0, fileSize(m_unfinishedLocal));
     return m_finishedBytes + current;
@@ -98,7 +136,8 @@ int64_t TransferWatch::bytesMoved() const {
 void TransferWatch::keepToRate() {
     if (!m_limit.active()) return;
     for (;;) {
-        int64_t wait = m_limit.delayMs(bytesMoved(), m_bar.now());
+        int64_t moved = m_shared ? m_shared->doneBytes() : bytesMoved();
+        int64_t wait = m_limit.delayMs(moved, m_bar.now());
         if (wait <= 0 || interruptRequested()) return;
         ::usleep(static_cast<useconds_t>(std::min(wait, kLongestWaitSliceMs) * 1000));
         m_bar.redraw();
@@ -119,8 +158,8 @@ std::string TransferWatch::relativeToRoot(const std::string& path) const {
 void TransferWatch::treeFileDone(const std::string& relative, const std::string& localPath) {
     int64_t size = std::max<int64_t>(0, fileSize(localPath));
     m_finishedBytes += size;
-    m_list.completed(relative);
-    m_bar.finishedFile(relative, size, m_bar.now() - m_fileStart);
+    m_list.completed(m_listPrefix + relative);
+    m_bar.finishedFile(m_listPrefix + relative, size, m_bar.now() - m_fileStart);
     m_fileStart = m_bar.now();
 }
 
@@ -129,15 +168,15 @@ void TransferWatch::onDownloadEvent(const std::string& event, const std::string&
         // The path below the root of the file about to arrive.
         m_currentRelative = value;
         m_unfinishedLocal = m_localRoot + "/" + value;
-        setPartialLocalFile(m_unfinishedLocal);
+        setPartialLocalFile(m_unfinishedLocal, m_slot);
         m_fileStart = m_bar.now();
-        m_bar.setLabel(value);
+        m_bar.setLabel(m_listPrefix + value);
     } else if (event == "scp-localfile-created") {
         std::string relative =
             m_currentRelative.empty() ? relativeToRoot(value) : m_currentRelative;
         m_unfinishedLocal.clear();
         m_currentRelative.clear();
-        setPartialLocalFile("");
+        setPartialLocalFile("", m_slot);
         treeFileDone(relative, value);
     } else if (event == "scp-localdir-created") {
         ++m_directories;
@@ -148,17 +187,17 @@ void TransferWatch::onUploadEvent(const std::string& event, const std::string& v
     if (event == "scp-localdir-entered") {
         ++m_directories;
         m_expectDirectoryUnits = true;
-        m_bar.setLabel(relativeToRoot(value));
+        m_bar.setLabel(m_listPrefix + relativeToRoot(value));
     } else if (event == "scp-localfile-uploaded") {
         m_dataStarted = false;
         treeFileDone(relativeToRoot(value), value);
         // Every byte and directory counted so far has been reported.
-        m_bar.meter().observeDone(m_finishedBytes + kDirectoryUnits * m_directories);
+        meter().observeDone(m_finishedBytes + kDirectoryUnits * m_directories);
     } else if (event == "scp-localfile-cannot-open") {
         m_dataStarted = false;
         m_fileStart = m_bar.now();
     } else if (event == "scp-localfile-upload-failed") {
-        if (m_dataStarted) m_unfinishedUpload = relativeToRoot(value);
+        m_unfinishedUpload = {m_listPrefix + relativeToRoot(value), m_dataStarted};
     }
 }
 
@@ -171,6 +210,7 @@ void TransferWatch::OnNamedEvent(const char* name, const char* value) {
     } else {
         onUploadEvent(event, text);
     }
+    report();
     m_bar.redraw();
 }
 

@@ -9,14 +9,24 @@
 #include <string>
 
 #include <scpkit/base/Progress.h>
+#include "cli/ProgressMeter.h"
 
 namespace scpkit::cli {
 
 class FileList;
 class ProgressBar;
 class RateLimit;
+class TreeProgress;
 
 enum class TreeDirection { Download, Upload };
+
+// push: the file whose upload failed. Once its bytes had begun to go out
+// it is partly written on the server; before that the remote scp may have
+// made it, empty, or not touched it at all.
+struct UnfinishedUpload {
+    std::string path;  // below the tree's root; empty: none
+    bool bytesLeft = false;
+};
 
 class TransferWatch : public ProgressEvent {
   public:
@@ -31,19 +41,28 @@ class TransferWatch : public ProgressEvent {
     bool fileDataStarted() const { return m_dataStarted; }
     void finishFile(const std::string& label, int64_t bytes);
 
-    // push or pull; paths in the library's events lie below `localRoot`.
-    void startTree(TreeDirection direction, const std::string& localRoot);
+    // Makes this the watch of one worker of a tree copied over several
+    // channels: it keeps a meter of its own, registers its partly written
+    // file in the slot `slot`, and reports its piece's figures to `shared`,
+    // whose sum the bar shows and the rate limit keeps to.
+    void shareWith(TreeProgress& shared, int slot);
+
+    // push or pull; paths in the library's events lie below `localRoot`,
+    // which lies at `listPrefix` (empty, or ending with '/') below the
+    // root of the tree: files are listed with that prefix.
+    void startTree(TreeDirection direction, const std::string& localRoot,
+                   const std::string& listPrefix = "");
     // pull: the local file begun and not finished; empty when none.
     const std::string& unfinishedDownload() const { return m_unfinishedLocal; }
-    // push: the file (relative to the root) whose bytes had begun to go out
-    // when its upload failed; empty when none.
-    const std::string& unfinishedUpload() const { return m_unfinishedUpload; }
+    const UnfinishedUpload& unfinishedUpload() const { return m_unfinishedUpload; }
 
     void OnPercent(int percent, bool& abort) override;
     void OnPoll(bool& abort) override;
     void OnNamedEvent(const char* name, const char* value) override;
 
   private:
+    ProgressMeter& meter();
+    void report();
     void checkInterrupt(bool& abort);
     void keepToRate();
     int64_t bytesMoved() const;
@@ -55,10 +74,14 @@ class TransferWatch : public ProgressEvent {
     ProgressBar& m_bar;
     RateLimit& m_limit;
     FileList& m_list;
+    TreeProgress* m_shared = nullptr;
+    ProgressMeter m_ownMeter;
+    int m_slot = 0;
 
     bool m_tree = false;
     TreeDirection m_direction = TreeDirection::Download;
     std::string m_localRoot;
+    std::string m_listPrefix;
     std::function<int64_t()> m_bytesDone;  // single files
 
     int m_lastUnits = 0;
@@ -73,7 +96,7 @@ class TransferWatch : public ProgressEvent {
     int64_t m_directories = 0;
     std::string m_currentRelative;
     std::string m_unfinishedLocal;
-    std::string m_unfinishedUpload;
+    UnfinishedUpload m_unfinishedUpload;
 };
 
 }  // namespace scpkit::cli

@@ -1,5 +1,9 @@
-// push and pull: bring one directory tree up to date from the other.
+// push and pull: bring one directory tree up to date from the other, over
+// several channels at once when the tree is worth cutting into pieces.
 #include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
 
 #include <scpkit/base/XString.h>
 #include <scpkit/scp/ClsScp.h>
@@ -10,11 +14,14 @@
 #include "cli/FileList.h"
 #include "cli/Interrupt.h"
 #include "cli/LocalFiles.h"
+#include "cli/ParallelTree.h"
 #include "cli/ProgressBar.h"
 #include "cli/RemoteShell.h"
 #include "cli/SafeText.h"
 #include "cli/Session.h"
 #include "cli/TransferWatch.h"
+#include "cli/TreeSetup.h"
+#include "cli/TreeSplit.h"
 
 namespace scpkit::cli {
 
@@ -24,6 +31,28 @@ namespace {
 // newer-existing): against a missing directory they copy everything.
 bool copiesMissingFiles(int uploadMode) {
     return uploadMode != 3;
+}
+
+// Download modes that copy a file missing here (all but 3 and 4).
+bool downloadsMissingFiles(int downloadMode) {
+    return downloadMode != 3 && downloadMode != 4;
+}
+
+// The rules of the cut from a remote command just timed. SCPKIT_PIECE_COST
+// (round trips) stands in for the measurement where timings mean nothing:
+// in the tests, on a loaded machine.
+SplitRules rulesFor(int workers, double roundTrip, double command, int commandsPerPiece) {
+    const char* fixed = std::getenv("SCPKIT_PIECE_COST");
+    if (!fixed || std::atoi(fixed) <= 0) {
+        return measuredRules(workers, roundTrip, command, commandsPerPiece);
+    }
+    SplitRules rules = finestRules(workers, commandsPerPiece);
+    rules.pieceOverhead = std::max<int64_t>(rules.pieceOverhead, std::atoi(fixed));
+    return rules;
+}
+
+std::string pathIn(const std::string& root, const std::string& below) {
+    return below.empty() ? root : joinPath(root, below);
 }
 
 class TreeCommand : public CommandRun {
@@ -42,8 +71,22 @@ class TreeCommand : public CommandRun {
     }
 
     int run(Session& s) override {
+        // -j 1, --no-recurse and a tree not worth cutting: one channel.
+        bool rootReady = false;
+        if (m_o.tree.jobs > 1 && m_o.tree.recurse) {
+            int status = kExitOk;
+            bool ran = m_o.command == Command::Push ? pushInParallel(s, status, rootReady)
+                                                    : pullInParallel(s, status);
+            if (ran) return status;
+        }
+        return runOneChannel(s, rootReady);
+    }
+
+  private:
+    // `rootReady`: push has made (or, for a dry run, found) its remote root.
+    int runOneChannel(Session& s, bool rootReady) {
         int mode = m_o.tree.syncMode;
-        if (m_o.command == Command::Push) {
+        if (m_o.command == Command::Push && !rootReady) {
             bool skip = false;
             int status = prepareRemoteRoot(s, mode, skip);
             if (status != kExitOk || skip) return status;
@@ -72,7 +115,167 @@ class TreeCommand : public CommandRun {
         return failed(s, scp);
     }
 
-  private:
+    // push: the local tree cut into pieces, the directories they start in
+    // made on the server by one short script, whose time tells what a piece
+    // costs there. False, having copied nothing, when one channel is as
+    // good; `rootReady` when the remote root has been made meanwhile.
+    bool pushInParallel(Session& s, int& status, bool& rootReady) {
+        const int mode = m_o.tree.syncMode;
+        if (m_o.tree.dryRun && mode == 0) return false;  // nothing to ask the server
+        TreeShape shape = localTreeShape(m_localRoot, NameFilters(m_o.tree));
+        const int commandsPerPiece = mode == 0 ? 1 : 2;  // a listing first
+        SplitRules rules = finestRules(m_o.tree.jobs, commandsPerPiece);
+        rules.shareFiles = mode == 0;
+        TreePlan finest = splitTree(shape, rules);
+        if (finest.pieces.size() < 2) return false;
+
+        // The server cannot tell which directories a piece will make: all
+        // of them are made first, the root's included, parents first.
+        std::vector<size_t> made = finest.madeFirst;
+        for (const TreePiece& p : finest.pieces) made.push_back(p.dir);
+        made.push_back(0);
+        std::sort(made.begin(), made.end());
+        made.erase(std::unique(made.begin(), made.end()), made.end());
+        std::vector<SetupDirectory> dirs;
+        for (size_t i : made) dirs.push_back({shape.dirs[i].path, shape.dirs[i].mode});
+        RemoteSetup setup;
+        bool ready = m_o.tree.dryRun ? findRemoteDirectories(s.ssh, m_remoteRoot, dirs, setup)
+                                     : makeRemoteDirectories(s.ssh, m_remoteRoot, dirs, setup);
+        s.record(s.ssh);
+        if (!ready && m_o.tree.dryRun) return false;
+        if (!ready) {
+            printError("push: cannot make the remote directory " + stripControlChars(m_remoteRoot) +
+                       ": " + stripControlChars(setup.error) + s.logHint());
+            status = kExitTransferFailed;
+            return true;
+        }
+        rootReady = !setup.rootMissing;
+        SplitRules measured =
+            rulesFor(m_o.tree.jobs, setup.execSeconds, setup.seconds, commandsPerPiece);
+        measured.shareFiles = rules.shareFiles;
+        TreePlan plan = splitTree(shape, measured);
+        auto madeAt = [&made](size_t dir) {
+            return std::lower_bound(made.begin(), made.end(), dir) - made.begin();
+        };
+        bool allMade = std::all_of(plan.pieces.begin(), plan.pieces.end(), [&](const TreePiece& p) {
+            return static_cast<size_t>(madeAt(p.dir)) < made.size() && made[madeAt(p.dir)] == p.dir;
+        });
+        if (plan.pieces.size() < 2 || !allMade) return false;
+
+        std::vector<PieceJob> jobs;
+        for (const TreePiece& p : plan.pieces) {
+            int pieceMode = mode;
+            // A directory that was not there holds nothing to compare with.
+            if (setup.missing[madeAt(p.dir)] && mode != 0) {
+                if (!copiesMissingFiles(mode)) continue;
+                pieceMode = 0;
+            }
+            jobs.push_back(job(shape.dirs[p.dir].path, p, pieceMode));
+        }
+        status = finishParallel(s, runPieces(s, TreeDirection::Upload, jobs, m_o.tree.jobs), dirs);
+        return true;
+    }
+
+    // pull: the remote tree's shape from one listing command; the local
+    // directories between the root and the pieces made here first. False,
+    // having changed nothing, when the server cannot list or one channel
+    // is as good.
+    bool pullInParallel(Session& s, int& status) {
+        const int mode = m_o.tree.syncMode;
+        NameFilters filters(m_o.tree);
+        // The remote root must pass the directory filters too: when its name
+        // is not plain, the one channel finds out.
+        std::string rootName = baseName(trimSlashes(m_remoteRoot));
+        if (filters.filtersDirectories() &&
+            (rootName.empty() || rootName == "." || rootName == "~" || rootName == "/" ||
+             !filters.keepsDirectory(rootName))) {
+            return false;
+        }
+        RemoteRun listing = runRemote(s.ssh, "listRemoteTree", remoteListingCommand(m_remoteRoot));
+        s.record(s.ssh);
+        TreeShape shape;
+        if (!parseRemoteListing(listing.out, filters, shape)) return false;
+        TreePlan plan =
+            splitTree(shape, rulesFor(m_o.tree.jobs, listing.execSeconds, listing.seconds, 1));
+        if (plan.pieces.size() < 2) return false;
+
+        std::vector<SetupDirectory> dirs;
+        for (size_t i : plan.madeFirst) dirs.push_back({shape.dirs[i].path, shape.dirs[i].mode});
+        std::vector<bool> missing(dirs.size());
+        std::string error;
+        if (m_o.tree.dryRun) {
+            for (size_t i = 0; i < dirs.size(); ++i)
+                missing[i] = !isDirectory(pathIn(m_localRoot, dirs[i].path));
+        } else if (!makeLocalDirectories(m_localRoot, dirs,
+                                         mode == 0 ? ExistingModes::Set : ExistingModes::Keep,
+                                         missing, error)) {
+            printError("pull: " + stripControlChars(error));
+            status = kExitTransferFailed;
+            return true;
+        }
+
+        std::vector<PieceJob> jobs;
+        for (const TreePiece& p : plan.pieces) {
+            const std::string& below = shape.dirs[p.dir].path;
+            auto made = std::find(plan.madeFirst.begin(), plan.madeFirst.end(), p.dir);
+            bool wasMissing = made != plan.madeFirst.end()
+                                  ? missing[made - plan.madeFirst.begin()]
+                                  : !isDirectory(pathIn(m_localRoot, below));
+            // Every file is missing there: copying all is the same choice,
+            // and streams.
+            int pieceMode = wasMissing && downloadsMissingFiles(mode) ? 0 : mode;
+            jobs.push_back(job(below, p, pieceMode));
+        }
+        status = finishParallel(s, runPieces(s, TreeDirection::Download, jobs, m_o.tree.jobs), {});
+        return true;
+    }
+
+    PieceJob job(const std::string& below, const TreePiece& piece, int mode) const {
+        PieceJob j;
+        j.localRoot = pathIn(m_localRoot, below);
+        j.remoteRoot = pathIn(m_remoteRoot, below);
+        j.listPrefix = below.empty() ? "" : below + "/";
+        j.mode = mode;
+        j.recurse = piece.recurse;
+        j.onlyNames = piece.onlyNames;
+        j.plannedBytes = piece.plannedBytes;
+        return j;
+    }
+
+    // After the pieces: what they had begun is removed, what they copied
+    // has been listed; push gives back the directory modes it held back.
+    int finishParallel(Session& s, ParallelOutcome outcome,
+                       const std::vector<SetupDirectory>& madeRemotely) {
+        s.bar.clear();
+        std::vector<std::string> cleanup;
+        for (const std::string& partial : outcome.unfinishedLocal) {
+            ::unlink(partial.c_str());
+            cleanup.push_back("removed the partial " + stripControlChars(partial));
+        }
+        for (int slot = 0; slot < kMaxTreeJobs; ++slot) setPartialLocalFile("", slot);
+        for (const UnfinishedUpload& upload : outcome.unfinishedRemote)
+            cleanup.push_back(removeRemotePartial(s, upload));
+        std::string said;
+        for (const std::string& line : cleanup)
+            if (!line.empty()) said += (said.empty() ? "" : "; ") + line;
+        if (outcome.result == ParallelOutcome::Result::Interrupted)
+            return interruptedStatus(s.commandName(), said);
+        if (outcome.result == ParallelOutcome::Result::Failed) {
+            const std::string& reason = outcome.failure;
+            printError(std::string(s.commandName()) + " " +
+                       stripControlChars(m_o.remoteText.front()) + " failed" +
+                       (reason.empty() ? "" : ": " + reason) + s.logHint());
+            return kExitTransferFailed;
+        }
+        std::string error;
+        if (m_o.tree.dryRun || finishRemoteModes(s.ssh, m_remoteRoot, madeRemotely, error))
+            return kExitOk;
+        s.record(s.ssh);
+        printError("push: cannot set the modes of the remote directories: " +
+                   stripControlChars(error) + s.logHint());
+        return kExitTransferFailed;
+    }
+
     // push makes its remote directory first; a dry run only looks, and
     // against a missing directory needs no listing of it.
     int prepareRemoteRoot(Session& s, int& mode, bool& skip) {
@@ -104,9 +307,25 @@ class TreeCommand : public CommandRun {
             setPartialLocalFile("");
             return "removed the partial " + stripControlChars(partial);
         }
-        const std::string& relative = s.watch.unfinishedUpload();
-        if (relative.empty()) return "";
-        std::string path = joinPath(m_remoteRoot, relative), error;
+        const UnfinishedUpload& upload = s.watch.unfinishedUpload();
+        return upload.path.empty() ? "" : removeRemotePartial(s, upload);
+    }
+
+    // A file whose bytes had begun to arrive is removed; one the remote scp
+    // may only have made is removed when it is empty there and not here
+    // (a file it had not touched stays as it was).
+    std::string removeRemotePartial(Session& s, const UnfinishedUpload& upload) {
+        std::string path = joinPath(m_remoteRoot, upload.path), error;
+        if (!upload.bytesLeft) {
+            if (regularFileSize(joinPath(m_localRoot, upload.path)) <= 0) return "";
+            std::string p = shellQuotePath(path);
+            RemoteRun run =
+                runRemote(s.ssh, "removeRemoteFile",
+                          "sh -c " + shellQuotePath("[ -f " + p + " ] && [ ! -s " + p +
+                                                    " ] && rm -f -- " + p + " && echo removed"));
+            s.record(s.ssh);
+            return run.out == "removed\n" ? "removed the empty " + stripControlChars(path) : "";
+        }
         bool removed = removeRemoteFile(s.ssh, path, error);
         s.record(s.ssh);
         return removed ? "removed the partial " + stripControlChars(path)

@@ -281,6 +281,132 @@ TEST_F(CliTest, SignalsStopCleanlyAndLeaveNoPartialFile) {
     EXPECT_EQ(readFile(local + "/kept.img"), "old");
 }
 
+// Several channels at once: a piece's cost is fixed, so that the tree is
+// cut whatever the machine's timing.
+Args parallelEnv(Args extra = {}) {
+    extra.push_back("SCPKIT_PIECE_COST=4");
+    return extra;
+}
+
+// A tree of several directories, modes and times of its own, names a
+// wildcard or a shell would misread; its files, sorted.
+Args makeCuttableTree(const std::string& root) {
+    Args files;
+    for (int d = 0; d < 5; ++d) {
+        for (int f = 0; f < 6; ++f) {
+            std::string name = "d" + std::to_string(d) + "/" +
+                               (f == 0 ? "odd *[1] $x.bin" : "f" + std::to_string(f) + ".txt");
+            writeFile(root + "/" + name, randomBytes(900 + 300 * f, d * 10 + f),
+                      1000000000 + d * 60 + f, f % 3 == 0 ? 0600 : 0644);
+            files.push_back(name);
+        }
+    }
+    writeFile(root + "/d1/with space/deep.txt", "deep", 1100000000, 0755);
+    writeFile(root + "/top.txt", "top", 1200000000);
+    makeDir(root + "/d2/empty", 0750);
+    chmod((root + "/d0").c_str(), 0700);
+    files.insert(files.end(), {"d1/with space/deep.txt", "top.txt"});
+    std::sort(files.begin(), files.end());
+    return files;
+}
+
+TEST_F(CliTest, TreesCutIntoPiecesArriveAsOverOneChannel) {
+    const std::string src = local + "/src", back = local + "/back", tree = rdir + "/tree";
+    const Args all = makeCuttableTree(src);
+    const Args changed = {"d0/f1.txt", "d3/odd *[1] $x.bin"};
+    Args filtered;
+    for (const std::string& f : all)
+        if (f.find(".bin") == std::string::npos && f.rfind("d2/", 0) != 0) filtered.push_back(f);
+    const struct {
+        bool changeFirst;
+        std::string line;
+        const Args& listed;
+        std::string copy, of;  // the copy that must equal the original afterwards
+    } steps[] = {
+        {false, "push L/src R/tree", all, tree, src},
+        {false, "pull R/tree L/back", all, back, tree},
+        {true, "push --mode newer L/src R/tree", changed, tree, src},
+        {false, "pull --mode newer R/tree L/back", changed, back, tree},
+        {false, "push --exclude *.bin --exclude-dir d2 L/src R/filtered", filtered, "", ""},
+        {false, "-n pull --mode newer R/tree L/dry", all, "", ""},
+    };
+    for (const auto& s : steps) {
+        SCOPED_TRACE(s.line);
+        for (const std::string& f : s.changeFirst ? changed : Args())
+            writeFile(src + "/" + f, f, 1300000000);
+        std::string listed = outputOf(
+            runChild(kProgram, command("-j 3 --log L/log " + s.line), environment(parallelEnv())));
+        EXPECT_EQ(sortedLines(listed), s.listed) << listed;
+        EXPECT_TRUE(s.copy.empty() || snapshotTree(s.copy) == snapshotTree(s.of));
+    }
+    EXPECT_EQ(listTree(rdir + "/filtered", true), filtered);
+    EXPECT_FALSE(pathExists(local + "/dry"));
+    std::string log = readFile(local + "/log");
+    for (const char* call : {"SyncTreeUpload:", "SyncTreeDownload:"}) {
+        size_t calls = 0;
+        for (size_t at = 0; (at = log.find(call, at)) != std::string::npos; ++at) ++calls;
+        EXPECT_GE(calls, 3 * 3u) << call << ": three runs each way, in pieces";
+    }
+}
+
+// OpenSSH refuses a fourth session on the connection: the run goes on with
+// the channels it has.
+TEST(CliSessionLimit, ARefusedChannelLeavesTheWorkToTheOthers) {
+    ScratchDir root;
+    SshdFixture sshd({"MaxSessions 3\n"});
+    if (!sshd.ok()) GTEST_SKIP() << "no sshd: " << sshd.error();
+    const Args all = makeCuttableTree(root.file("src"));
+    for (const std::string& line :
+         {"push " + root.file("src") + " 127.0.0.1:" + root.file("up"),
+          "pull 127.0.0.1:" + root.file("up") + " " + root.file("down")}) {
+        Args args = words("-j 8 -P " + std::to_string(sshd.port()) + " -i " + sshd.clientKeyPath() +
+                          " --known-hosts " + sshd.knownHostsPath() + " --no-ssh-config " + line);
+        std::string listed = outputOf(
+            runChild(kProgram, args, parallelEnv({"HOME=" + root.path(), "SSH_AUTH_SOCK"})));
+        EXPECT_EQ(sortedLines(listed), all) << line;
+    }
+    EXPECT_EQ(snapshotTree(root.file("down")), snapshotTree(root.file("src")));
+}
+
+// Stopped while pieces copy: every channel stops, no partial file stays on
+// either side, and the list names exactly the files that are complete.
+TEST_F(CliTest, SignalsStopEveryPiece) {
+    const std::string src = local + "/src", tree = rdir + "/tree";
+    for (const char* d : {"/a", "/b", "/c"}) {
+        for (int i = 0; i < 4; ++i) writeFile(src + d + "/s" + std::to_string(i), d);
+        writeFile(src + d + "/huge.img", "");
+        ASSERT_EQ(truncate((src + d + "/huge.img").c_str(), off_t(8) << 30), 0);
+    }
+    ASSERT_EQ(shell("cp -a " + src + " " + tree), 0);
+    const std::pair<std::string, int> cases[] = {{"pull R/tree L/pulled", SIGINT},
+                                                 {"push L/src R/pushed", SIGTERM}};
+    for (const auto& [line, sig] : cases) {
+        SCOPED_TRACE(line);
+        std::string target = line.rfind("pull", 0) == 0 ? local + "/pulled" : rdir + "/pushed";
+        ChildProcess child;
+        ASSERT_TRUE(child.start(kProgram, command("-j 3 " + line), environment(parallelEnv())));
+        auto growing = [&] {
+            for (const char* d : {"/a", "/b", "/c"}) {
+                struct stat st {};
+                if (stat((target + d + "/huge.img").c_str(), &st) == 0 && st.st_size > 0)
+                    return true;
+            }
+            return false;
+        };
+        for (int i = 0; i < 2000 && !growing(); ++i) usleep(10000);  // at most 20 s
+        ASSERT_TRUE(growing()) << "no piece began its big file";
+        kill(child.pid(), sig);
+        ChildResult r = child.finish(30000);
+        EXPECT_EQ(r.exitStatus, 128 + sig) << r.err;
+        Args onDisk = listTree(target, true);
+        EXPECT_EQ(sortedLines(r.out), onDisk) << "listed: only and all that is complete";
+        for (const std::string& f : onDisk) {
+            EXPECT_EQ(f.find("huge"), std::string::npos) << "a partial file was left: " << f;
+            EXPECT_EQ(readFile(target + "/" + f), readFile(src + "/" + f)) << f;
+        }
+    }
+}
+
 TEST_F(CliTest, ProgressBarOnlyOnATerminalOrWhenAsked) {
     std::string bytes = randomBytes(6 << 20, 4);
     writeFile(local + "/movie.mkv", bytes);

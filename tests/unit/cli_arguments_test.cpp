@@ -86,6 +86,8 @@ TEST(CliArguments, MistakesAreRefusedWithTheirReason) {
         {"--chmod 9 put f h:x", "octal permissions"},
         {"push --mode 6 d h:x", "unknown --mode '6' for push"},
         {"put -n f h:x", "apply to push and pull"},
+        {"get -j 4 h:x f", "apply to push and pull"},
+        {"push -j 17 d h:x", "--jobs wants a whole number from 1 to 16, got '17'"},
         {"--passphrase-env V put f h:x", "--passphrase-env goes with --identity"},
         {"-i k --password-env P put f h:x", "give one"},
     };
