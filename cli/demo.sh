@@ -16,8 +16,11 @@ if [ "$(id -u)" -ne 0 ]; then
 fi
 [ -x /usr/sbin/sshd ] || { echo "demo: /usr/sbin/sshd is missing; run ./run setup" >&2; exit 1; }
 
-bold=$(tput bold 2>/dev/null || true)
-plain=$(tput sgr0 2>/dev/null || true)
+bold='' plain=''
+if [ -t 1 ] && [ -n "${TERM:-}" ] && [ "$TERM" != dumb ]; then
+    bold=$(tput bold || true)
+    plain=$(tput sgr0 || true)
+fi
 step() { printf '\n%s== %s%s\n' "$bold" "$*" "$plain"; }
 ok() { printf '   ok: %s\n' "$*"; }
 die() { printf 'demo: FAILED: %s\n' "$*" >&2; exit 1; }
@@ -73,7 +76,7 @@ start=${EPOCHREALTIME/./}
 scpkit push "$SRC" "$HOST:$REMOTE" | sed 's/^/   /'
 elapsed_ms=$(((${EPOCHREALTIME/./} - start) / 1000))
 PUSH_TIME=$(printf '%d.%02d' $((elapsed_ms / 1000)) $((elapsed_ms % 1000 / 10)))
-diff -r "$SRC" "$REMOTE" >/dev/null || die "the remote tree differs after push"
+diff -r "$SRC" "$REMOTE" >"$WORK/diff.out" || die "the remote tree differs after push"
 ok "the remote tree matches the local one"
 
 step "Changing two files"

@@ -16,7 +16,9 @@
 SSHD_PID=
 SSHD_PORT=
 
-_loopback_port_in_use() { (exec 3<>"/dev/tcp/127.0.0.1/$1") 2>/dev/null; }
+# (Standard error is closed rather than sent anywhere: a refused connection
+# is the expected answer.)
+_loopback_port_in_use() { (exec 3<>"/dev/tcp/127.0.0.1/$1") 2>&-; }
 
 loopback_sshd_start() {
     local dir=$1
@@ -57,14 +59,14 @@ CONF
         local i
         for i in $(seq 1 50); do
             _loopback_port_in_use "$candidate" && { SSHD_PORT=$candidate; break; }
-            kill -0 "$SSHD_PID" 2>/dev/null || break
+            kill -0 "$SSHD_PID" 2>&- || break
             sleep 0.1
         done
         [ -n "$SSHD_PORT" ] && break
         loopback_sshd_stop
     done
     if [ -z "$SSHD_PORT" ]; then
-        cat "$dir/sshd.log" >&2 2>/dev/null
+        cat "$dir/sshd.log" >&2 || true
         echo "loopback sshd: did not start" >&2
         return 1
     fi
@@ -89,8 +91,8 @@ CONF
 
 loopback_sshd_stop() {
     if [ -n "$SSHD_PID" ]; then
-        kill "$SSHD_PID" 2>/dev/null || true
-        wait "$SSHD_PID" 2>/dev/null || true
+        kill "$SSHD_PID" 2>&- || true
+        wait "$SSHD_PID" 2>&- || true
         SSHD_PID=
     fi
 }
