@@ -12,20 +12,22 @@ namespace {
 
 const int kSignals[] = {SIGINT, SIGTERM, SIGHUP};
 
-volatile sig_atomic_t g_firstSignal = 0;
-volatile sig_atomic_t g_count = 0;
-volatile sig_atomic_t g_abortable = 0;
+// Lock-free atomics: a handler on any thread and the transfers running on
+// other threads see each other's writes.
+std::atomic<int> g_firstSignal{0};
+std::atomic<int> g_count{0};
+std::atomic<bool> g_abortable{false};
 volatile sig_atomic_t g_haveTerminal = 0;
-// Lock-free atomics: set by the workers, read by a handler on any thread.
 std::atomic<bool> g_havePartial[kPartialFileSlots];  // zero: none
 int g_terminalFd = -1;
 struct termios g_terminalSettings;
 char g_partial[kPartialFileSlots][PATH_MAX + 1];
 
 void onSignal(int sig) {
-    if (g_firstSignal == 0) g_firstSignal = sig;
-    g_count = g_count + 1;
-    if (g_abortable && g_count == 1) return;
+    int none = 0;
+    g_firstSignal.compare_exchange_strong(none, sig);
+    int count = ++g_count;
+    if (g_abortable && count == 1) return;
     for (int i = 0; i < kPartialFileSlots; ++i) {
         if (g_havePartial[i].load(std::memory_order_acquire)) ::unlink(g_partial[i]);
     }
@@ -64,7 +66,7 @@ int interruptSignal() {
 }
 
 void setInterruptAbortable(bool abortable) {
-    g_abortable = abortable ? 1 : 0;
+    g_abortable = abortable;
 }
 
 void setPartialLocalFile(const std::string& path, int slot) {

@@ -65,6 +65,12 @@ std::string shellQuotePath(const std::string& path) {
     return prefix + quoted + "'";
 }
 
+std::string shellWord(const std::string& word) {
+    std::string quoted = "'";
+    for (char c : word) quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    return quoted + "'";
+}
+
 std::string remoteParent(const std::string& path) {
     std::string p = path;
     while (p.size() > 1 && p.back() == '/') p.pop_back();

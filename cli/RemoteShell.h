@@ -40,6 +40,9 @@ RemotePathKind probeRemotePath(ClsSsh& ssh, const std::string& path);
 // unquoted so the shell still expands it to the home directory.
 std::string shellQuotePath(const std::string& path);
 
+// `word` as one word for a POSIX shell, whatever it holds ("~" included).
+std::string shellWord(const std::string& word);
+
 // The directory part of a remote path ("." for a bare name).
 std::string remoteParent(const std::string& path);
 

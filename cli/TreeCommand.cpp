@@ -126,6 +126,7 @@ class TreeCommand : public CommandRun {
         const int commandsPerPiece = mode == 0 ? 1 : 2;  // a listing first
         SplitRules rules = finestRules(m_o.tree.jobs, commandsPerPiece);
         rules.shareFiles = mode == 0;
+        rules.pieceRoots = uploadPieceRoots(mode);
         TreePlan finest = splitTree(shape, rules);
         if (finest.pieces.size() < 2) return false;
 
@@ -153,6 +154,7 @@ class TreeCommand : public CommandRun {
         SplitRules measured =
             rulesFor(m_o.tree.jobs, setup.execSeconds, setup.seconds, commandsPerPiece);
         measured.shareFiles = rules.shareFiles;
+        measured.pieceRoots = rules.pieceRoots;
         TreePlan plan = splitTree(shape, measured);
         auto madeAt = [&made](size_t dir) {
             return std::lower_bound(made.begin(), made.end(), dir) - made.begin();
@@ -195,8 +197,9 @@ class TreeCommand : public CommandRun {
         s.record(s.ssh);
         TreeShape shape;
         if (!parseRemoteListing(listing.out, filters, shape)) return false;
-        TreePlan plan =
-            splitTree(shape, rulesFor(m_o.tree.jobs, listing.execSeconds, listing.seconds, 1));
+        SplitRules rules = rulesFor(m_o.tree.jobs, listing.execSeconds, listing.seconds, 1);
+        rules.pieceRoots = PieceRoots::Any;
+        TreePlan plan = splitTree(shape, rules);
         if (plan.pieces.size() < 2) return false;
 
         std::vector<SetupDirectory> dirs;
@@ -230,10 +233,33 @@ class TreeCommand : public CommandRun {
         return true;
     }
 
+    // Which directories may start a piece of push (see remotePieceRoot).
+    PieceRoots uploadPieceRoots(int mode) const {
+        if (m_remoteRoot.find(' ') != std::string::npos) return PieceRoots::PlainOnly;
+        return mode == 0 && plainPath(m_remoteRoot) ? PieceRoots::Any : PieceRoots::NoSpaces;
+    }
+
+    // A piece's remote directory, for the remote scp's command line: as it
+    // is when plain, else quoted for the shell. The library puts a path
+    // with a space in double quotes for an upload (and lists the server
+    // with the path as it is): such a path is escaped for double quotes,
+    // which only an upload with nothing to list and a plain root can take.
+    std::string remotePieceRoot(const std::string& below) const {
+        if (plainPath(below)) return pathIn(m_remoteRoot, below);
+        if (m_o.command == Command::Pull || below.find(' ') == std::string::npos)
+            return joinPath(m_remoteRoot, shellWord(below));
+        std::string escaped;
+        for (char c : below) {
+            if (c == '"' || c == '\\' || c == '$' || c == '`') escaped += '\\';
+            escaped += c;
+        }
+        return joinPath(m_remoteRoot, escaped);
+    }
+
     PieceJob job(const std::string& below, const TreePiece& piece, int mode) const {
         PieceJob j;
         j.localRoot = pathIn(m_localRoot, below);
-        j.remoteRoot = pathIn(m_remoteRoot, below);
+        j.remoteRoot = remotePieceRoot(below);
         j.listPrefix = below.empty() ? "" : below + "/";
         j.mode = mode;
         j.recurse = piece.recurse;

@@ -19,13 +19,6 @@ constexpr unsigned kOwnerWriteSearch = 0300;
 
 enum class Purpose { Make, Look, FinishModes };
 
-// A word for a POSIX shell, whatever it holds (no '~' left to expand).
-std::string quoteWord(const std::string& word) {
-    std::string quoted = "'";
-    for (char c : word) quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
-    return quoted + "'";
-}
-
 std::string octal(unsigned mode) {
     char buf[8];
     std::snprintf(buf, sizeof buf, "%o", mode & 0777);
@@ -48,7 +41,7 @@ std::string script(Purpose purpose, const std::string& root,
     std::string r = shellQuotePath(root.empty() ? "." : root), words;
     std::map<unsigned, std::string> byMode;
     for (size_t i = from; i < to; ++i) {
-        std::string w = " " + quoteWord(dirs[i].path.empty() ? "." : dirs[i].path);
+        std::string w = " " + shellWord(dirs[i].path.empty() ? "." : dirs[i].path);
         words += w;
         if (dirs[i].path.empty()) continue;  // the root keeps its mode, as with one channel
         if (purpose == Purpose::Make) byMode[modeDuringCopy(dirs[i].mode)] += w;

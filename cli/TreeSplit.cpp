@@ -23,18 +23,6 @@ constexpr int64_t kDirectoryUnits = 100;  // what the library's progress counts 
 // The search for a better cut stops after this many pieces per worker.
 constexpr size_t kMostPiecesPerWorker = 16;
 
-// A piece's directory goes on the remote scp's command line as it is, where
-// the shell would read anything but plain characters.
-bool plainPath(const std::string& path) {
-    for (unsigned char c : path) {
-        bool plain = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
-                     c >= 0x80 ||
-                     std::string("._-+,=@%:/").find(static_cast<char>(c)) != std::string::npos;
-        if (!plain) return false;
-    }
-    return true;
-}
-
 // One candidate piece: a whole subtree, a directory's own files, or a
 // share [from, to) of them.
 struct Part {
@@ -121,7 +109,19 @@ class Splitter {
     bool mayCut(const TreeDirectory& d) const {
         if (d.keepWhole) return false;
         return std::all_of(d.children.begin(), d.children.end(),
-                           [this](size_t c) { return plainPath(m_shape.dirs[c].path); });
+                           [this](size_t c) { return mayStartPiece(m_shape.dirs[c].path); });
+    }
+
+    bool mayStartPiece(const std::string& path) const {
+        switch (m_rules.pieceRoots) {
+            case PieceRoots::Any:
+                return true;
+            case PieceRoots::NoSpaces:
+                return path.find(' ') == std::string::npos;
+            case PieceRoots::PlainOnly:
+                break;
+        }
+        return plainPath(path);
     }
 
     bool shareable(const TreeDirectory& d) const {
@@ -203,6 +203,16 @@ class Splitter {
 };
 
 }  // namespace
+
+bool plainPath(const std::string& path) {
+    for (unsigned char c : path) {
+        bool plain = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+                     c >= 0x80 ||
+                     std::string("._-+,=@%:/").find(static_cast<char>(c)) != std::string::npos;
+        if (!plain) return false;
+    }
+    return true;
+}
 
 std::string exactPattern(const std::string& name) {
     auto space = [](char c) { return c == ' ' || (c >= '\t' && c <= '\r'); };

@@ -34,8 +34,18 @@ struct TreePlan {
     std::vector<size_t> madeFirst;
 };
 
+// Which directories may start a piece. Its path goes on the remote scp's
+// command line: as it is when plain, else quoted for the shell, which an
+// upload's command cannot hold when it has a space (the library puts such a
+// path in double quotes, where quotes are not read).
+enum class PieceRoots { PlainOnly, NoSpaces, Any };
+
+// Letters, digits and "._-+,=@%:/": nothing a shell reads.
+bool plainPath(const std::string& path);
+
 struct SplitRules {
     int workers = 1;
+    PieceRoots pieceRoots = PieceRoots::PlainOnly;
     // The files of one directory may go out in several pieces (push, when
     // every file is copied: a piece's listing of the server would cover
     // them all).

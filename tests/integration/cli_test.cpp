@@ -292,9 +292,10 @@ Args parallelEnv(Args extra = {}) {
 // wildcard or a shell would misread; its files, sorted.
 Args makeCuttableTree(const std::string& root) {
     Args files;
+    const char* const dirs[] = {"d0", "d1", "d2", "d$3", "d'4"};
     for (int d = 0; d < 5; ++d) {
         for (int f = 0; f < 6; ++f) {
-            std::string name = "d" + std::to_string(d) + "/" +
+            std::string name = std::string(dirs[d]) + "/" +
                                (f == 0 ? "odd *[1] $x.bin" : "f" + std::to_string(f) + ".txt");
             writeFile(root + "/" + name, randomBytes(900 + 300 * f, d * 10 + f),
                       1000000000 + d * 60 + f, f % 3 == 0 ? 0600 : 0644);
@@ -313,7 +314,7 @@ Args makeCuttableTree(const std::string& root) {
 TEST_F(CliTest, TreesCutIntoPiecesArriveAsOverOneChannel) {
     const std::string src = local + "/src", back = local + "/back", tree = rdir + "/tree";
     const Args all = makeCuttableTree(src);
-    const Args changed = {"d0/f1.txt", "d3/odd *[1] $x.bin"};
+    const Args changed = {"d$3/odd *[1] $x.bin", "d0/f1.txt"};  // sorted
     Args filtered;
     for (const std::string& f : all)
         if (f.find(".bin") == std::string::npos && f.rfind("d2/", 0) != 0) filtered.push_back(f);
