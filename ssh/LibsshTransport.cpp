@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <climits>
 #include <cstring>
 
@@ -27,6 +28,9 @@ constexpr uint64_t kLibsshReadSize = 4096;
 // its caller looks at what arrived at least every 256 KiB.
 constexpr int kMaxReadsPerPump = 64;
 constexpr size_t kRedeliverPiece = 64 * 1024;
+// A request waiting for the server's answer looks again at least this often
+// (the answer itself ends the wait at once).
+constexpr int kAnswerSliceMs = 20;
 
 // Channel ids are never reused within the process, so a stale id held by a
 // caller after a reconnect cannot reach a new channel.
@@ -109,50 +113,84 @@ std::string LibsshTransport::lastError() {
 }
 
 int LibsshTransport::openChannel(ChannelInbox& inbox) {
-    Guard guard(m_lock);
-    m_error.clear();
-    if (!connected()) {
-        m_error = "Not connected.";
-        return -1;
+    int id;
+    {
+        Guard guard(m_lock);
+        m_error.clear();
+        if (!connected()) {
+            m_error = "Not connected.";
+            return -1;
+        }
+        std::unique_ptr<Channel> c;
+        try {
+            c = std::make_unique<Channel>();
+        } catch (...) {
+            m_error = "Out of memory.";
+            return -1;
+        }
+        c->inbox = &inbox;
+        c->handle = ssh_channel_new(m_session);
+        if (!c->handle) return -1;
+        std::memset(&c->callbacks, 0, sizeof c->callbacks);
+        c->callbacks.userdata = c.get();
+        c->callbacks.channel_data_function = Channel::onData;
+        c->callbacks.channel_eof_function = Channel::onEof;
+        c->callbacks.channel_close_function = Channel::onClose;
+        ssh_callbacks_init(&c->callbacks);
+        if (ssh_set_channel_callbacks(c->handle, &c->callbacks) != SSH_OK) {
+            freeHandle(*c);
+            return -1;
+        }
+        // In the table while the server answers, so that a disconnect
+        // meanwhile frees it with the others.
+        id = allocateChannelId();
+        m_channels[id] = std::move(c);
     }
-    std::unique_ptr<Channel> c;
-    try {
-        c = std::make_unique<Channel>();
-    } catch (...) {
-        m_error = "Out of memory.";
-        return -1;
-    }
-    c->inbox = &inbox;
-    c->handle = ssh_channel_new(m_session);
-    if (!c->handle) return -1;
-    std::memset(&c->callbacks, 0, sizeof c->callbacks);
-    c->callbacks.userdata = c.get();
-    c->callbacks.channel_data_function = Channel::onData;
-    c->callbacks.channel_eof_function = Channel::onEof;
-    c->callbacks.channel_close_function = Channel::onClose;
-    ssh_callbacks_init(&c->callbacks);
-    if (ssh_set_channel_callbacks(c->handle, &c->callbacks) != SSH_OK ||
-        ssh_channel_open_session(c->handle) != SSH_OK) {
-        freeHandle(*c);
-        return -1;
-    }
-    int id = allocateChannelId();
-    m_channels[id] = std::move(c);
-    return id;
+    if (untilAnswered(id, [](ssh_channel h) { return ssh_channel_open_session(h); })) return id;
+    releaseChannel(id);
+    return -1;
 }
 
 bool LibsshTransport::setEnv(int ch, const char* name, const char* value) {
-    Guard guard(m_lock);
-    m_error.clear();
-    Channel* c = find(ch);
-    return c && ssh_channel_request_env(c->handle, name, value) == SSH_OK;
+    return untilAnswered(
+        ch, [name, value](ssh_channel h) { return ssh_channel_request_env(h, name, value); });
 }
 
 bool LibsshTransport::exec(int ch, const char* command) {
-    Guard guard(m_lock);
-    m_error.clear();
-    Channel* c = find(ch);
-    return c && ssh_channel_request_exec(c->handle, command) == SSH_OK;
+    return untilAnswered(ch,
+                         [command](ssh_channel h) { return ssh_channel_request_exec(h, command); });
+}
+
+template <class Request>
+bool LibsshTransport::untilAnswered(int ch, Request request) {
+    const auto start = std::chrono::steady_clock::now();
+    {
+        Guard guard(m_lock);
+        m_error.clear();
+    }
+    for (;;) {
+        int socket;
+        {
+            Guard guard(m_lock);
+            Channel* c = find(ch);
+            if (!c || !connected()) return false;
+            ssh_set_blocking(m_session, 0);
+            int rc = request(c->handle);
+            ssh_set_blocking(m_session, 1);
+            reportWindows();  // the packets read meanwhile may have opened windows
+            if (rc != SSH_AGAIN) return rc == SSH_OK;
+            if (!connected()) return false;
+            auto waited = std::chrono::steady_clock::now() - start;
+            if (waited > std::chrono::milliseconds(m_timeoutMs)) {
+                m_error = "The server did not answer the channel request in time.";
+                return false;
+            }
+            socket = ssh_get_fd(m_session);
+        }
+        // Whatever arrives is read by the next try, or by the pumping thread.
+        pollfd fd = {socket, POLLIN, 0};
+        ::poll(&fd, 1, kAnswerSliceMs);
+    }
 }
 
 long LibsshTransport::write(int ch, const unsigned char* data, size_t numBytes) {

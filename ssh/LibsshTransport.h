@@ -129,6 +129,11 @@ class LibsshTransport : public SshTransport {
     bool fingerprintOf(std::string& sha256, std::string& keyType);
     // Detaches the entry's callbacks and frees its libssh channel.
     void freeHandle(Channel& c);
+    // Runs a request that the server answers (open, env, exec) with the
+    // session nonblocking, waiting for the answer without the lock so that
+    // the other channels' traffic goes on meanwhile. Bounded by the timeout.
+    template <class Request>
+    bool untilAnswered(int ch, Request request);
     // Tells the channels whose writes found the window closed that it reopened.
     void reportWindows();
     AuthOutcome authResult(int rc, const char* refusal, LogBase& log);
