@@ -6,6 +6,7 @@
 #include <dirent.h>
 #include <netinet/in.h>
 #include <sys/stat.h>
+#include <algorithm>
 #include <csignal>
 #include <random>
 #include <regex>
@@ -370,7 +371,8 @@ TEST(CliSessionLimit, ARefusedChannelLeavesTheWorkToTheOthers) {
 }
 
 // Stopped while pieces copy: every channel stops, no partial file stays on
-// either side, and the list names exactly the files that are complete.
+// either side, and the list names only files that are complete (for pull,
+// exactly those).
 TEST_F(CliTest, SignalsStopEveryPiece) {
     const std::string src = local + "/src", tree = rdir + "/tree";
     for (const char* d : {"/a", "/b", "/c"}) {
@@ -399,8 +401,16 @@ TEST_F(CliTest, SignalsStopEveryPiece) {
         kill(child.pid(), sig);
         ChildResult r = child.finish(30000);
         EXPECT_EQ(r.exitStatus, 128 + sig) << r.err;
-        Args onDisk = listTree(target, true);
-        EXPECT_EQ(sortedLines(r.out), onDisk) << "listed: only and all that is complete";
+        // Listed: only files that are complete. A small file whose last
+        // bytes left just before the signal can be complete on the server
+        // with its answer still on the way: unconfirmed, so not listed, and
+        // whole, so not removed either.
+        Args onDisk = listTree(target, true), listed = sortedLines(r.out);
+        if (line.rfind("pull", 0) == 0) {
+            EXPECT_EQ(listed, onDisk);
+        }
+        for (const std::string& f : listed)
+            EXPECT_TRUE(std::binary_search(onDisk.begin(), onDisk.end(), f)) << f;
         for (const std::string& f : onDisk) {
             EXPECT_EQ(f.find("huge"), std::string::npos) << "a partial file was left: " << f;
             EXPECT_EQ(readFile(target + "/" + f), readFile(src + "/" + f)) << f;
