@@ -59,7 +59,9 @@ class CliTest : public ::testing::Test {
         for (const std::string& d : {dir + "/home", local, rdir}) makeDir(d);
     }
     std::string remote(const std::string& p) const { return sshd->user() + "@127.0.0.1:" + p; }
-    // A private HOME and no agent: nothing of the user running the tests takes part.
+    // No agent and a private HOME. The program finds ~/.ssh through the
+    // password database, as ssh does, so command() names the key, the known
+    // hosts and --no-ssh-config: those keep the tester's own files out.
     Args environment(Args extra = {}) const {
         extra.insert(extra.end(), {"HOME=" + dir + "/home", "SSH_AUTH_SOCK", "SSH_AGENT_PID"});
         return extra;
