@@ -132,6 +132,9 @@ class ClsScp : public ClsBase {
                   SocketParams& sp, LogBase& log);
     bool sendFileTimes(int channel, ScpFileInfo& info, SocketParams& sp, LogBase& log);
     bool sendFileInfo(int channel, ScpFileInfo& info, SocketParams& sp, LogBase& log);
+    // A file's bytes and the 0 byte that ends them.
+    bool sendFileData(int channel, _vqDataSource& source, ScpFileInfo& info, SocketParams& sp,
+                      LogBase& log);
     bool sendDirInfo(int channel, int permissions, XString& dirName, SocketParams& sp,
                      LogBase& log);
     bool sendScpData(int channel, DataBuffer& data, SocketParams& sp, LogBase& log);

@@ -108,6 +108,12 @@ bool ClsScp::sendFile(int channel, _vqDataSource& source, bool /*unused*/, ScpFi
     if (log.m_verboseLogging) log.LogInfo("Waiting for the next ready response...");
     if (!waitForGo(ack, ackOut, ch, sp, log)) return false;
 
+    // End of data; its acknowledgement is read by the caller.
+    return sendFileData(channel, source, info, sp, log);
+}
+
+bool ClsScp::sendFileData(int channel, _vqDataSource& source, ScpFileInfo& info, SocketParams& sp,
+                          LogBase& log) {
     if (log.m_verboseLogging) log.LogInfo("Sending file data...");
     bool sent;
     {
@@ -115,9 +121,7 @@ bool ClsScp::sendFile(int channel, _vqDataSource& source, bool /*unused*/, ScpFi
         sent = ssh->channelSendNFromSource(channel, source, info.fileSize, sp, log);
     }
     if (!sent) return false;
-
-    // End of data; its acknowledgement is read by the caller.
-    if (!sendByte(ch, '\0', sp, log)) {
+    if (!sendByte(static_cast<unsigned>(channel), '\0', sp, log)) {
         log.LogError("Failed to send the final 0 byte.");
         return false;
     }
@@ -150,17 +154,7 @@ bool ClsScp::sendFileAhead(int channel, _vqDataSource& source, ScpFileInfo& info
     if (log.m_verboseLogging) log.LogInfo("Waiting for the next ready response...");
     if (!drainAcks(ch, acks, sp, log)) return false;
 
-    if (log.m_verboseLogging) log.LogInfo("Sending file data...");
-    bool sent;
-    {
-        QuietLog quiet(log);
-        sent = ssh->channelSendNFromSource(channel, source, info.fileSize, sp, log);
-    }
-    if (!sent) return false;
-    if (!sendByte(ch, '\0', sp, log)) {
-        log.LogError("Failed to send the final 0 byte.");
-        return false;
-    }
+    if (!sendFileData(channel, source, info, sp, log)) return false;
     ++acks.owed;
     return true;
 }
