@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <unordered_map>
 
 #include <scpkit/base/XString.h>
 #include <scpkit/scp/ClsScp.h>
@@ -15,6 +16,7 @@
 #include "cli/Interrupt.h"
 #include "cli/LocalFiles.h"
 #include "cli/ParallelTree.h"
+#include "cli/PieceNeeds.h"
 #include "cli/ProgressBar.h"
 #include "cli/RemoteShell.h"
 #include "cli/SafeText.h"
@@ -164,6 +166,10 @@ class TreeCommand : public CommandRun {
         });
         if (plan.pieces.size() < 2 || !allMade) return false;
 
+        // What the server holds, so that pieces with nothing to copy are
+        // not started; without it every piece runs.
+        std::unordered_map<std::string, ListedEntry> there;
+        const bool listed = mode != 0 && !setup.rootMissing && listRemoteTree(s, there);
         std::vector<PieceJob> jobs;
         for (const TreePiece& p : plan.pieces) {
             int pieceMode = mode;
@@ -172,9 +178,11 @@ class TreeCommand : public CommandRun {
                 if (!copiesMissingFiles(mode)) continue;
                 pieceMode = 0;
             }
+            if (listed && pieceMode != 0 && !uploadPieceNeeded(shape, p, there, pieceMode))
+                continue;
             jobs.push_back(job(shape.dirs[p.dir].path, p, pieceMode));
         }
-        status = finishParallel(s, runPieces(s, TreeDirection::Upload, jobs, m_o.tree.jobs), dirs);
+        status = finishParallel(s, runJobs(s, TreeDirection::Upload, jobs), dirs);
         return true;
     }
 
@@ -227,10 +235,27 @@ class TreeCommand : public CommandRun {
             // Every file is missing there: copying all is the same choice,
             // and streams.
             int pieceMode = wasMissing && downloadsMissingFiles(mode) ? 0 : mode;
+            // Where the listing and the local files show nothing to copy,
+            // the piece is not started.
+            if (pieceMode != 0 && !downloadPieceNeeded(shape, p, m_localRoot, pieceMode)) continue;
             jobs.push_back(job(below, p, pieceMode));
         }
-        status = finishParallel(s, runPieces(s, TreeDirection::Download, jobs, m_o.tree.jobs), {});
+        status = finishParallel(s, runJobs(s, TreeDirection::Download, jobs), {});
         return true;
+    }
+
+    // No worker starts when every piece was found to have nothing to copy.
+    ParallelOutcome runJobs(Session& s, TreeDirection direction,
+                            const std::vector<PieceJob>& jobs) {
+        if (jobs.empty()) return ParallelOutcome();
+        return runPieces(s, direction, jobs, m_o.tree.jobs);
+    }
+
+    // push: every entry below the remote root, from one listing command.
+    bool listRemoteTree(Session& s, std::unordered_map<std::string, ListedEntry>& there) {
+        RemoteRun listing = runRemote(s.ssh, "listRemoteTree", remoteListingCommand(m_remoteRoot));
+        s.record(s.ssh);
+        return listing.ran && parseListing(listing.out, there);
     }
 
     // Which directories may start a piece of push (see remotePieceRoot).

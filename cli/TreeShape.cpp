@@ -67,7 +67,10 @@ void readLocalDirectory(TreeShape& shape, const std::string& root, PendingDir& a
     const size_t index = at.path.back();
     std::string dirPath = joinPath(root, shape.dirs[index].path);
     DIR* dir = ::opendir(dirPath.c_str());
-    if (!dir) return;  // the piece that copies it will say why
+    if (!dir) {
+        shape.dirs[index].known = false;  // the piece that copies it will say why
+        return;
+    }
     while (dirent* e = ::readdir(dir)) {
         std::string name = e->d_name;
         if (name == "." || name == "..") continue;
@@ -82,6 +85,9 @@ void readLocalDirectory(TreeShape& shape, const std::string& root, PendingDir& a
             ++d.files;
             d.bytes += examined ? static_cast<int64_t>(st.st_size) : 0;
             d.fileNames.push_back(name);
+            d.fileSizes.push_back(examined ? static_cast<int64_t>(st.st_size) : -1);
+            d.fileTimes.push_back(examined ? static_cast<int64_t>(st.st_mtim.tv_sec) : 0);
+            d.known = d.known && examined && S_ISREG(st.st_mode);
             continue;
         }
         if (!filters.keepsDirectory(name)) continue;
@@ -106,6 +112,37 @@ void readLocalDirectory(TreeShape& shape, const std::string& root, PendingDir& a
         next.push_back(std::move(pending));
     }
     ::closedir(dir);
+}
+
+// One entry of find's listing: "TTR MODE SIZE TIME PATH", R telling
+// whether it can be read.
+struct Record {
+    ListedEntry entry;
+    std::string path;
+};
+
+template <class Visit>
+bool forEachRecord(const std::string& listing, Visit visit) {
+    size_t start = 0;
+    for (size_t end; (end = listing.find('\0', start)) != std::string::npos; start = end + 1) {
+        std::string text = listing.substr(start, end - start);
+        size_t at[4] = {std::string::npos, 0, 0, 0};
+        at[0] = text.find(' ');
+        for (int i = 1; i < 4 && at[i - 1] != std::string::npos; ++i)
+            at[i] = text.find(' ', at[i - 1] + 1);
+        if (at[0] != 3 || at[3] == std::string::npos) return false;
+        Record r;
+        r.entry.isLink = text[0] == 'l';
+        r.entry.readable = text[2] == 'r';
+        r.entry.isDirectory = text[1] == 'd';
+        r.entry.isPlainFile = text[0] == 'f' && text[1] == 'f';
+        r.entry.mode = static_cast<unsigned>(std::strtoul(text.c_str() + 4, nullptr, 8)) & 07777;
+        r.entry.size = std::strtoll(text.c_str() + at[1] + 1, nullptr, 10);
+        r.entry.time = std::strtoll(text.c_str() + at[2] + 1, nullptr, 10);  // whole seconds
+        r.path = text.substr(at[3] + 1);
+        if (!visit(r)) return false;
+    }
+    return true;
 }
 
 std::string lastName(const std::string& path) {
@@ -153,58 +190,71 @@ TreeShape localTreeShape(const std::string& root, const NameFilters& filters) {
     return shape;
 }
 
+std::string findCommand(const std::string& quotedRoot) {
+    // Type (and, for a link, what it leads to), whether it can be read,
+    // mode, size, time and path below the root of every entry,
+    // NUL-terminated; links below the root are not followed, so a linked
+    // directory shows as one entry.
+    return "find -H " + quotedRoot +
+           " -printf '%y%Y' \\( -readable -printf r -o -printf u \\)"
+           " -printf ' %m %s %T@ %P\\0'";
+}
+
 std::string remoteListingCommand(const std::string& remoteRoot) {
     std::string root = remoteRoot.empty() ? "." : remoteRoot;
     if (root[0] == '-') root = "./" + root;  // not an option of find
-    // Type (and, for a link, what it leads to), mode, size and path below
-    // the root of every entry, NUL-terminated; links below the root are
-    // not followed, so a linked directory shows as one entry.
-    std::string find = "find -H " + shellQuotePath(root) + " -printf '%y%Y %m %s %P\\0'";
-    return "sh -c " + shellQuotePath(find);
+    return "sh -c " + shellQuotePath(findCommand(shellQuotePath(root)));
+}
+
+bool parseListing(const std::string& listing, std::unordered_map<std::string, ListedEntry>& out) {
+    out.clear();
+    bool parsed = forEachRecord(listing, [&out](const Record& r) {
+        out[r.path] = r.entry;
+        return true;
+    });
+    auto root = out.find("");
+    return parsed && root != out.end() && root->second.isDirectory;
 }
 
 bool parseRemoteListing(const std::string& listing, const NameFilters& filters, TreeShape& shape) {
     shape = TreeShape();
     std::unordered_map<std::string, size_t> dirIndex;
-    size_t start = 0;
-    for (size_t end; (end = listing.find('\0', start)) != std::string::npos; start = end + 1) {
-        std::string record = listing.substr(start, end - start);
-        size_t s1 = record.find(' ');
-        size_t s2 = s1 == std::string::npos ? s1 : record.find(' ', s1 + 1);
-        size_t s3 = s2 == std::string::npos ? s2 : record.find(' ', s2 + 1);
-        if (s1 != 2 || s3 == std::string::npos) return false;
-        const bool isDir = record[1] == 'd', isLink = record[0] == 'l';
-        unsigned mode = static_cast<unsigned>(std::strtoul(record.c_str() + 3, nullptr, 8));
-        int64_t size = std::strtoll(record.c_str() + s2 + 1, nullptr, 10);
-        std::string path = record.substr(s3 + 1);
-        if (shape.dirs.empty()) {
-            if (!isDir || !path.empty()) return false;
+    bool parsed = forEachRecord(listing, [&](const Record& r) {
+        if (shape.dirs.empty()) {  // the root comes first
+            if (!r.entry.isDirectory || !r.path.empty()) return false;
             shape.dirs.push_back(TreeDirectory());
-            shape.dirs[0].mode = mode & 07777;
+            shape.dirs[0].mode = r.entry.mode;
             dirIndex[""] = 0;
-            continue;
+            return true;
         }
-        if (path.empty()) return false;
-        size_t slash = path.find_last_of('/');
-        auto parent = dirIndex.find(slash == std::string::npos ? "" : path.substr(0, slash));
-        if (parent == dirIndex.end()) continue;  // below a directory the filters leave out
-        const std::string name = lastName(path);
-        if (!isDir) {
-            if (!filters.keepsFile(name)) continue;
-            ++shape.dirs[parent->second].files;
-            shape.dirs[parent->second].bytes += size;
-            continue;
+        if (r.path.empty()) return false;
+        size_t slash = r.path.find_last_of('/');
+        auto parent = dirIndex.find(slash == std::string::npos ? "" : r.path.substr(0, slash));
+        if (parent == dirIndex.end()) return true;  // below a directory the filters leave out
+        const std::string name = lastName(r.path);
+        TreeDirectory& in = shape.dirs[parent->second];
+        if (!r.entry.isDirectory) {
+            if (!filters.keepsFile(name)) return true;
+            ++in.files;
+            in.bytes += r.entry.size;
+            in.fileNames.push_back(name);
+            in.fileSizes.push_back(r.entry.size);
+            in.fileTimes.push_back(r.entry.time);
+            in.known = in.known && r.entry.isPlainFile && r.entry.readable;
+            return true;
         }
-        if (!filters.keepsDirectory(name)) continue;
+        if (!filters.keepsDirectory(name)) return true;
         TreeDirectory d;
-        d.path = path;
-        d.mode = mode & 07777;
-        d.keepWhole = isLink;  // what lies below was not listed
-        shape.dirs[parent->second].children.push_back(shape.dirs.size());
-        dirIndex[path] = shape.dirs.size();
+        d.path = r.path;
+        d.mode = r.entry.mode;
+        d.keepWhole = r.entry.isLink;  // what lies below was not listed
+        d.known = !r.entry.isLink && r.entry.readable;
+        in.children.push_back(shape.dirs.size());
+        dirIndex[r.path] = shape.dirs.size();
         shape.dirs.push_back(std::move(d));
-    }
-    return !shape.dirs.empty();
+        return true;
+    });
+    return parsed && !shape.dirs.empty();
 }
 
 }  // namespace scpkit::cli

@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 namespace scpkit::cli {
@@ -30,14 +31,19 @@ class NameFilters {
 struct TreeDirectory {
     std::string path;   // below the root, no leading '/'; "" for the root
     unsigned mode = 0;  // its permission bits
-    // The files directly in it that the file filters keep.
+    // The files directly in it that the file filters keep: their number,
+    // bytes, names, sizes and modification times (whole seconds).
     int64_t files = 0;
     int64_t bytes = 0;
-    std::vector<std::string> fileNames;  // their names (push only)
-    std::vector<size_t> children;        // indices in TreeShape::dirs
+    std::vector<std::string> fileNames;
+    std::vector<int64_t> fileSizes, fileTimes;
+    std::vector<size_t> children;  // indices in TreeShape::dirs
     // Copied only by one piece together with everything below it: what lies
     // below is not fully known, or a walk starting lower would differ.
     bool keepWhole = false;
+    // Its entries are plain files and directories whose figures are known:
+    // what a copy would do with them can be told beforehand.
+    bool known = true;
 };
 
 struct TreeShape {
@@ -49,9 +55,26 @@ struct TreeShape {
 // below the root.
 TreeShape localTreeShape(const std::string& root, const NameFilters& filters);
 
-// pull: the command that lists the remote tree, and the tree read from its
-// output. False when the output does not describe a directory.
+// The command that lists a remote tree: every entry's type, mode, size,
+// time and path below `quotedRoot` (a word for the shell).
+std::string findCommand(const std::string& quotedRoot);
+// The same through sh, for `remoteRoot` as the user gave it.
 std::string remoteListingCommand(const std::string& remoteRoot);
+
+// One entry of the listing.
+struct ListedEntry {
+    bool isDirectory = false;  // or a link to one
+    bool isPlainFile = false;  // a regular file, not a link to one
+    bool isLink = false;
+    bool readable = true;  // by the user the server runs the command as
+    unsigned mode = 0;
+    int64_t size = 0, time = 0;
+};
+// Every entry below the root, by path (the root as ""); false when the
+// output is not a listing of a directory.
+bool parseListing(const std::string& listing, std::unordered_map<std::string, ListedEntry>& out);
+
+// pull: the tree read from the listing, the filters applied.
 bool parseRemoteListing(const std::string& listing, const NameFilters& filters, TreeShape& shape);
 
 }  // namespace scpkit::cli

@@ -353,6 +353,40 @@ TEST_F(CliTest, TreesCutIntoPiecesArriveAsOverOneChannel) {
     }
 }
 
+// Pieces that the listing shows have nothing to copy are not started: in
+// every mode and both directions a cut dry run lists what one channel's
+// (the library deciding each file) does.
+TEST_F(CliTest, SkippedPiecesLoseNoCopy) {
+    const std::string src = local + "/src", tree = rdir + "/tree";
+    makeCuttableTree(src);
+    ASSERT_EQ(shell("cp -a " + src + " " + tree), 0);
+    writeFile(src + "/d0/f4.txt", randomBytes(2100, 4), 1350000000);  // newer here
+    writeFile(src + "/d1/f2.txt", "other size", 1000000062);          // same time
+    writeFile(src + "/d2/new.txt", "new", 1200000000);                // missing there
+    writeFile(tree + "/d'4/f3.txt", "newer there", 1400000000);
+    // A link's own size and time say nothing of the file it leads to.
+    writeFile(local + "/target", "linked, newer", 1500000000);
+    ASSERT_EQ(symlink((local + "/target").c_str(), (tree + "/d2/link.txt").c_str()), 0);
+    ASSERT_EQ(shell("touch -h -d @1000000000 '" + tree + "/d2/link.txt'"), 0);
+    for (const char* mode : {"missing", "newer", "newer-existing", "size", "newer-or-size"}) {
+        for (const char* line : {"push L/src R/tree", "pull R/tree L/src"}) {
+            SCOPED_TRACE(std::string(mode) + ": " + line);
+            auto listed = [&](const char* jobs) {
+                std::string l = std::string("-n -j ") + jobs + " --mode " + mode + " " + line;
+                return sortedLines(
+                    outputOf(runChild(kProgram, command(l), environment(parallelEnv()))));
+            };
+            EXPECT_EQ(listed("4"), listed("1"));
+        }
+    }
+    std::string synced = outputOf(runChild(kProgram, command("-j 4 --mode newer push L/src R/tree"),
+                                           environment(parallelEnv())));
+    EXPECT_EQ(sortedLines(synced), Args({"d0/f4.txt", "d2/new.txt"}));
+    EXPECT_EQ(outputOf(runChild(kProgram, command("-j 4 --mode newer push L/src R/tree"),
+                                environment(parallelEnv()))),
+              "");
+}
+
 // OpenSSH refuses a fourth session on the connection: the run goes on with
 // the channels it has.
 TEST(CliSessionLimit, ARefusedChannelLeavesTheWorkToTheOthers) {
